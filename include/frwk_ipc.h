@@ -1,0 +1,143 @@
+/**
+ * @file frwk_ipc.h
+ * Messages between modules: the wire format, the module's handler, and the request calls.
+ *
+ * A module listens on `/tmp/odm/ipc/<name>`. Each request takes a connection of its own: a request header and body,
+ * answered by a response header and data, all words in host byte order. A frame must reach the peer in one piece; the
+ * README says how large a body may be for that to be certain.
+ */
+#ifndef FRWK_IPC_H
+#define FRWK_IPC_H
+
+#include <stdint.h>
+
+#include "frwk_defs.h"
+
+FRWK_BEGIN_DECLS
+
+/** Message ids of the library. Ids from FRWK_MSG_USER on, the last three apart, are free for modules. */
+enum {
+    FRWK_MSG_SYS_CTRL0 = 0,         /**< To the control callback. */
+    FRWK_MSG_SYS_CTRL1 = 1,         /**< To the control callback. */
+    FRWK_MSG_SYS_CTRL2 = 2,         /**< To the control callback. */
+    FRWK_MSG_SYS_LOG = 3,           /**< Body: two words, new debug mode and new trace threshold. */
+    FRWK_MSG_SYS_STATUS = 4,        /**< Response: the status word. */
+    FRWK_MSG_SYS_PING = 5,          /**< Answered with success; its receipt is not traced. */
+    FRWK_MSG_SYS_NOP = 6,           /**< Answered with success. */
+    FRWK_MSG_USER = 7,              /**< First id for the module's own handler. */
+    FRWK_MSG_SYS_REBOOT = 501,      /**< To the monitor: one word, see frwk_system_reboot(). */
+    FRWK_MSG_SYS_RESET = 502,       /**< To the monitor: one word, see frwk_system_reset(). */
+    FRWK_MSG_SYS_MONITOR_CONF = 503 /**< To the monitor: two words, module id and its new supervision value. */
+};
+
+/** Header of a request on the wire, 24 bytes; the body follows. */
+typedef struct {
+    uint32_t from;    /**< Module id of the sender. */
+    uint32_t msg;     /**< Message id. */
+    uint32_t async;   /**< 0: answered after the handler; otherwise acknowledged before it. */
+    uint32_t timeout; /**< Seconds that the receiver waits for its handler to be registered. */
+    int32_t rsp_size; /**< Response bytes that the sender can take. */
+    int32_t msg_len;  /**< Body bytes that follow; 0 or less for none. */
+} frwk_ipc_reqhdr_t;
+
+/** Header of a response on the wire, 8 bytes; the data follows. */
+typedef struct {
+    int32_t rc;      /**< The handler's result. */
+    int32_t msg_len; /**< Data bytes that follow. */
+} frwk_ipc_rsphdr_t;
+
+/**
+ * A module's handler for its messages. Runs on the library's threads (and for synchronous requests to oneself on the
+ * caller's), several at once, with no lock held.
+ *
+ * @param from      module id of the sender, as the sender gave it
+ * @param msg       message id
+ * @param req       body, valid during the call; null when a request from another process has none
+ * @param req_len   bytes in `req`
+ * @param rsp       response buffer, zero-filled; may be null when `rsp_size` is 0
+ * @param rsp_size  bytes in `rsp`; all of them are sent
+ * @param timeout   the sender's timeout in seconds, passed on unchanged
+ * @return a result for the sender; dropped for asynchronous requests
+ */
+typedef int32_t (*frwk_ipc_handler_t)(uint32_t from, uint32_t msg, const uint8_t *req, int32_t req_len, uint8_t *rsp,
+                                      int32_t rsp_size, uint32_t timeout);
+
+/**
+ * Registers the module's handler, replacing any earlier one; requests that arrived before wait for it.
+ * @return FRWK_ERROR_SUCCESS, or FRWK_ERROR_INVALID_PARAM for null
+ */
+FRWK_API int frwk_ipc_init(frwk_ipc_handler_t handler);
+
+/** @return `value`, unchanged; no other effect. */
+FRWK_API int32_t frwk_ipc_timeout(int32_t value);
+
+/**
+ * Sends a request and waits for the handler's result and response.
+ *
+ * Waits without a limit of its own until the target answers or closes the connection. To the own id, runs the handler
+ * on the calling thread. A cancellation point; a cancelled call leaves nothing behind.
+ *
+ * @param to        target module, 1 to 9
+ * @param msg       message id
+ * @param req       body; may be null when `req_len` is 0
+ * @param req_len   body bytes, 0 or above
+ * @param rsp       response buffer; may be null when `rsp_size` is 0. Undefined after a failure.
+ * @param rsp_size  bytes in `rsp`, 0 or above
+ * @param timeout   seconds that the target waits for its handler to be registered
+ * @param result    receives the handler's result; may be null; unchanged when no whole answer arrived
+ * @return FRWK_ERROR_SUCCESS; FRWK_ERROR_FAILED when another module's handler gave 2; FRWK_ERROR_NO_MODULE for an
+ *         invalid or unreachable target; FRWK_ERROR_INVALID_PARAM; FRWK_ERROR_NO_MEMORY; FRWK_ERROR_SEND;
+ *         FRWK_ERROR_RECV, also when the target was too busy. A response larger than `rsp_size` ends the process by
+ *         an assertion; a peer built on this library never sends one.
+ */
+FRWK_API int frwk_ipc_send_sync(uint32_t to, uint32_t msg, const void *req, int32_t req_len, void *rsp,
+                                int32_t rsp_size, uint32_t timeout, int32_t *result);
+
+/**
+ * Sends a request and waits only until the target has taken it. To the own id, runs the handler on a new thread.
+ *
+ * Parameters as for frwk_ipc_send_sync().
+ * @return FRWK_ERROR_ASYNC when the request was taken; otherwise FRWK_ERROR_NO_MODULE, FRWK_ERROR_INVALID_PARAM,
+ *         FRWK_ERROR_NO_MEMORY, FRWK_ERROR_SEND, FRWK_ERROR_RECV, or to oneself FRWK_ERROR_THREAD
+ */
+FRWK_API int frwk_ipc_send_async(uint32_t to, uint32_t msg, const void *data, int32_t len, uint32_t timeout);
+
+/** frwk_ipc_send_sync() without a request body. */
+FRWK_API int frwk_ipc_msg_get(uint32_t to, uint32_t msg, void *rsp, int32_t rsp_size, uint32_t timeout,
+                              int32_t *result);
+
+/** frwk_ipc_send_sync() without response data. */
+FRWK_API int frwk_ipc_msg_set(uint32_t to, uint32_t msg, const void *req, int32_t req_len, uint32_t timeout,
+                              int32_t *result);
+
+/** frwk_ipc_send_async() with a timeout of 3 seconds. */
+FRWK_API int frwk_ipc_msg_notify(uint32_t to, uint32_t msg, const void *data, int32_t len);
+
+/**
+ * Notifies, without data, every module but the own whose row in this process's table has
+ * FRWK_MODULE_FLAG_MONITOR_SERVICE, in ascending order. Targets that do not take it are traced and skipped.
+ */
+FRWK_API void frwk_ipc_msg_broadcast(uint32_t msg);
+
+/** Notifies every module but the own, whatever its flags, with data; otherwise as frwk_ipc_msg_broadcast(). */
+FRWK_API void frwk_ipc_msg_broadcast_data(uint32_t msg, const void *data, int32_t len);
+
+/**
+ * Asks the monitor to reboot the device.
+ * @param arg  handed to the monitor
+ * @return 1 when the monitor took the request, else 0
+ */
+FRWK_API int frwk_system_reboot(uint32_t arg);
+
+/** Asks the monitor to reset the device's services; otherwise as frwk_system_reboot(). */
+FRWK_API int frwk_system_reset(uint32_t arg);
+
+/**
+ * @param id  module id, 1 to 9; the own id needs no message
+ * @return that module's status word; 0 also when it cannot be asked. Waits as frwk_ipc_send_sync().
+ */
+FRWK_API uint32_t frwk_get_module_status(uint32_t id);
+
+FRWK_END_DECLS
+
+#endif
