@@ -1,0 +1,16 @@
+# What `cmake --install` lays out: the library, its headers, a CMake package (frwk::frwk) and frwk.pc.
+
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/frwk)
+
+install(TARGETS frwk EXPORT frwk
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+    FILE_SET HEADERS DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(EXPORT frwk NAMESPACE frwk:: FILE frwk-config.cmake DESTINATION ${package_dir} COMPONENT development)
+
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/frwk-config-version.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/frwk-config-version.cmake DESTINATION ${package_dir} COMPONENT development)
+
+configure_file(cmake/frwk.pc.in ${PROJECT_BINARY_DIR}/frwk.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/frwk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

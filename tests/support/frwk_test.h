@@ -1,0 +1,164 @@
+// What the tests of several families need: child processes, captured output, a system log, raw peers, real modules.
+// Every wait has a deadline; what could not be had is reported by an empty or negative result, never by hanging.
+#ifndef FRWK_TEST_H
+#define FRWK_TEST_H
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "frwk.h"
+
+namespace frwk_test {
+
+constexpr int DEADLINE_MS = 20000;
+
+long now_ms(); // monotonic
+bool wait_until(const std::function<bool()> &done, int ms = DEADLINE_MS);
+std::vector<std::string> split_lines(const std::string &text);
+bool contains(const std::string &text, const std::string &part);
+
+std::string read_file(const std::string &path);                          // "" when it cannot be read
+void write_file(const std::string &path, const std::string &contents);   // makes the directories too
+bool exists(const std::string &path);
+int count_fds(pid_t pid);
+int count_threads(pid_t pid);
+
+// ---- child processes
+
+struct Result {
+    int status = -1; // as waitpid() gives it; -1 when the child was still running at the deadline and was killed
+    std::string out;
+    std::string err;
+
+    bool ok() const;      // exited with 0, which takes that no expectation failed in the child
+    bool aborted() const; // ended by SIGABRT
+};
+std::ostream &operator<<(std::ostream &stream, const Result &result);
+
+// Runs `body` in a child of its own and ends it with exit(0), so that the leak checker looks at it.
+Result run_child(const std::function<void()> &body, int seconds = 60);
+
+// ---- traces
+
+// A trace line in parts; `brief()` is "level|file|func::msg", which leaves out what differs from run to run.
+struct TraceLine {
+    std::string name; // module in brackets and time stamp: console lines only
+    std::string time;
+    std::string level; // empty when the text is no trace line
+    std::string file;
+    std::string func;
+    int line = 0;
+    std::string msg;
+
+    std::string brief() const;
+};
+TraceLine parse_console_line(const std::string &line);
+TraceLine parse_syslog_text(const std::string &text);
+std::vector<TraceLine> parse_console(const std::string &text);
+
+// Redirects standard output (or error) of this process to memory while it lives.
+struct Capture {
+    explicit Capture(int fd = 1);
+    ~Capture();
+    Capture(const Capture &) = delete;
+    Capture &operator=(const Capture &) = delete;
+
+    std::string text(); // all so far
+    std::vector<TraceLine> traces();
+    bool wait_for(const std::string &part, int ms = DEADLINE_MS);
+
+    int target;
+    int saved;
+    int memory;
+};
+
+// One message as the system log gets it.
+struct SyslogLine {
+    int priority = -1; // facility and severity
+    std::string ident;
+    int pid = 0;
+    std::string text;
+};
+
+// The system log: takes what is sent to /dev/log while it lives, in a process of its own, so that senders never block.
+struct SyslogSink {
+    SyslogSink();
+    ~SyslogSink();
+    SyslogSink(const SyslogSink &) = delete;
+    SyslogSink &operator=(const SyslogSink &) = delete;
+
+    std::vector<SyslogLine> lines(); // all so far
+    std::vector<SyslogLine> wait_for(size_t count, int ms = DEADLINE_MS); // all, once there are as many
+    bool wait_for(const std::string &part, int ms = DEADLINE_MS);
+
+    pid_t pid;
+    int memory;
+};
+
+// ---- raw peers on the wire; declared here once more, so that the library is not checked against itself
+
+struct ReqHdr {
+    uint32_t from;
+    uint32_t msg;
+    uint32_t async;
+    uint32_t timeout;
+    int32_t rsp_size;
+    int32_t msg_len;
+};
+static_assert(sizeof(ReqHdr) == 24, "request header");
+
+struct RspHdr {
+    int32_t rc;
+    int32_t msg_len;
+};
+static_assert(sizeof(RspHdr) == 8, "response header");
+
+template <typename T> std::string bytes_of(const T &record) {
+    return std::string(reinterpret_cast<const char *>(&record), sizeof record);
+}
+
+std::string socket_path(const std::string &module);
+int raw_connect(const std::string &module, int ms = DEADLINE_MS); // tries until something listens; -1
+int raw_listen(const std::string &module);                        // makes the directories too
+int raw_accept(int listener, int ms = DEADLINE_MS);               // -1
+bool raw_send(int fd, const std::string &bytes);                  // in one write
+std::string raw_recv(int fd, size_t size, int ms = DEADLINE_MS);  // fewer bytes at the end of the stream or the deadline
+bool raw_closed(int fd, int ms = DEADLINE_MS);                    // true once the peer has closed, with nothing left to read
+
+struct Reply {
+    bool complete = false; // header and all the announced data arrived, then the end of the stream
+    RspHdr hdr = {};
+    std::string data;
+};
+// Sends one request on a connection of its own and reads all of the answer.
+Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::string &body = "", int ms = DEADLINE_MS);
+
+// ---- modules
+
+// A process that is a module: runs frwk_module_init(id, cb), then `set_up`, then waits. The constructor returns once it
+// is ready (or has failed), and the destructor ends it by exit(0) and expects that nothing was reported by then.
+struct Module {
+    explicit Module(uint32_t id, const std::function<void()> &set_up = {}, frwk_module_cb_t cb = nullptr);
+    ~Module();
+    Module(const Module &) = delete;
+    Module &operator=(const Module &) = delete;
+
+    std::string out(); // what it has written so far
+    std::string err();
+    bool wait_out(const std::string &part, int ms = DEADLINE_MS);
+    Result wait(int ms = DEADLINE_MS);          // waits for it to end by itself; it is killed at the deadline
+    Result stop(int signal, int ms = DEADLINE_MS); // SIGTERM is answered by exit(0)
+
+    pid_t pid = -1;
+    bool ready = false; // frwk_module_init() gave 0 and `set_up` returned
+    int memory[3] = {-1, -1, -1};
+};
+
+} // namespace frwk_test
+
+#endif
