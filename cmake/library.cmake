@@ -38,6 +38,7 @@ file(GLOB present CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)
 foreach(source IN LISTS sources)
     if(NOT source IN_LIST present)
         list(REMOVE_ITEM sources ${source})
+        set(incomplete TRUE)
     endif()
 endforeach()
 list(TRANSFORM frwk_headers PREPEND ${PROJECT_SOURCE_DIR}/include/)
@@ -52,6 +53,9 @@ list(JOIN names ";\n    " names)
 file(CONFIGURE OUTPUT ${linker_script} CONTENT "{\nglobal:\n    @names@;\nlocal:\n    *;\n};\n" @ONLY)
 
 add_library(frwk SHARED ${sources})
+if(incomplete)
+    target_link_options(frwk INTERFACE LINKER:--unresolved-symbols=ignore-all)
+endif()
 add_library(frwk::frwk ALIAS frwk)
 target_sources(frwk PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR}/include FILES ${frwk_headers})
 set_target_properties(frwk PROPERTIES
@@ -85,7 +89,7 @@ target_link_options(frwk PRIVATE
     LINKER:--hash-style=gnu
     LINKER:--build-id=sha1
     -static-libgcc)
-if(NOT FRWK_SANITIZE)
+if(NOT FRWK_SANITIZE AND NOT incomplete)
     target_link_options(frwk PRIVATE LINKER:-z,defs)
 endif()
 
