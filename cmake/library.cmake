@@ -54,7 +54,10 @@ file(CONFIGURE OUTPUT ${linker_script} CONTENT "{\nglobal:\n    @names@;\nlocal:
 
 add_library(frwk SHARED ${sources})
 if(incomplete)
-    target_link_options(frwk INTERFACE LINKER:--unresolved-symbols=ignore-all)
+    file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/missing.c
+        "int frwk_module_init(unsigned id, void (*cb)(unsigned));\n"
+        "__attribute__((weak)) int frwk_module_init(unsigned id, void (*cb)(unsigned)) { (void)id; (void)cb; return -1; }\n")
+    target_sources(frwk INTERFACE $<BUILD_INTERFACE:${CMAKE_CURRENT_BINARY_DIR}/missing.c>)
 endif()
 add_library(frwk::frwk ALIAS frwk)
 target_sources(frwk PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR}/include FILES ${frwk_headers})
@@ -85,7 +88,7 @@ target_link_options(frwk PRIVATE
     LINKER:--version-script=${linker_script}
     LINKER:--gc-sections
     LINKER:--as-needed
-    LINKER:-z,relro,-z,now
+    LINKER:-z,relro$<$<NOT:$<BOOL:${incomplete}>>:,-z,now>
     LINKER:--hash-style=gnu
     LINKER:--build-id=sha1
     -static-libgcc)
