@@ -1,0 +1,314 @@
+/*
+ * The IPC service: the accept loop, one thread per connection, and the dispatch of a request.
+ */
+#include "frwk_bounded.h"
+#include "frwk_common_ipc.h"
+#include "frwk_common_module.h"
+#include "frwk_guard.h"
+#include "frwk_thread.h"
+#include "frwk_time.h"
+#include "frwk_timer.h"
+#include "frwk_trace.h"
+
+#include <errno.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+enum {
+    MAX_BUSY_THREADS = 20,  /* a connection that meets more than these is refused: at most 21 run at once */
+    HANDLER_POLL_MS = 100,  /* how often a request looks for a handler that is not registered yet */
+    NO_DESCRIPTOR_PAUSE_MS = 10
+};
+
+/* --- dispatch --------------------------------------------------------------------------------------------------- */
+
+/* Waits up to timeout seconds for the module to register its handler; null when it does not. */
+static frwk_ipc_handler_t await_handler(uint32_t timeout)
+{
+    enum { LONGEST = INT_MAX / 1000 };
+    int seconds = timeout < LONGEST ? static_cast<int>(timeout) : LONGEST;
+    frwk_uptime_t deadline;
+    frwk_simple_timer_start(&deadline, seconds * 1000);
+    for (;;) {
+        /* The clock is read first, so that the last look comes after the deadline. */
+        int expired = frwk_simple_timer_timeout(&deadline);
+        frwk_ipc_handler_t handler = g_s_module_ctx.ipc_handler.load(std::memory_order_acquire);
+        if (handler != nullptr || expired != 0) {
+            return handler;
+        }
+        frwk_sleep(HANDLER_POLL_MS);
+    }
+}
+
+static void set_trace(const uint8_t *req, int32_t req_len)
+{
+    int32_t words[2]; /* debug mode, level */
+    if (req == nullptr || req_len < static_cast<int32_t>(sizeof words)) {
+        FRWK_ERR("FRWK_MSG_SYS_LOG req is NULL");
+        return;
+    }
+    memcpy(words, req, sizeof words);
+    g_s_module_ctx.level.store(words[1], std::memory_order_relaxed);
+    g_s_module_ctx.debug_mode.store(words[0], std::memory_order_relaxed);
+    FRWK_DBG("new log level is %d debug mode is %d", words[1], words[0]);
+}
+
+static int32_t give_status(uint8_t *rsp, int32_t rsp_size)
+{
+    uint32_t status = g_s_module_ctx.status.load(std::memory_order_relaxed);
+    if (rsp_size < static_cast<int32_t>(sizeof status)) {
+        return FRWK_ERROR_INVALID_PARAM;
+    }
+    memcpy(rsp, &status, sizeof status);
+    return FRWK_ERROR_SUCCESS;
+}
+
+int32_t frwk_msg_handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t req_len, uint8_t *rsp,
+                        int32_t rsp_size, uint32_t timeout)
+{
+    switch (msg) {
+    case FRWK_MSG_SYS_CTRL0:
+    case FRWK_MSG_SYS_CTRL1:
+    case FRWK_MSG_SYS_CTRL2:
+        if (frwk_module_cb_t cb = g_s_module_ctx.ctrl_cb.load(std::memory_order_acquire)) {
+            cb(msg);
+        }
+        return FRWK_ERROR_SUCCESS;
+    case FRWK_MSG_SYS_LOG:
+        set_trace(req, req_len);
+        return FRWK_ERROR_SUCCESS;
+    case FRWK_MSG_SYS_STATUS:
+        return give_status(rsp, rsp_size);
+    case FRWK_MSG_SYS_PING:
+    case FRWK_MSG_SYS_NOP:
+        return FRWK_ERROR_SUCCESS;
+    default:
+        break;
+    }
+    frwk_ipc_handler_t handler = g_s_module_ctx.ipc_handler.load(std::memory_order_acquire);
+    if (handler == nullptr) {
+        handler = await_handler(timeout);
+    }
+    if (handler == nullptr) {
+        FRWK_WARN("ipc handler is null!");
+        return FRWK_ERROR_NO_HANDLER;
+    }
+    return handler(from, msg, req, req_len, rsp, rsp_size, timeout);
+}
+
+/* --- requests to oneself ---------------------------------------------------------------------------------------- */
+
+/* A local asynchronous request: a request frame in one heap block, the body behind the header. */
+struct frwk_ipc_reqrec_t {
+    frwk_ipc_reqhdr_t hdr;
+};
+
+static uint8_t *record_body(frwk_ipc_reqrec_t *record)
+{
+    return reinterpret_cast<uint8_t *>(record + 1);
+}
+
+static void *frwk_async_msg_handle(void *arg)
+{
+    frwk_ipc_reqrec_t *record = static_cast<frwk_ipc_reqrec_t *>(arg);
+    if (record == nullptr) {
+        FRWK_ERR("parameter is null!");
+        return nullptr;
+    }
+    pthread_cleanup_push(free, record);
+    const frwk_ipc_reqhdr_t &hdr = record->hdr;
+    if (frwk_msg_handle(hdr.from, hdr.msg, record_body(record), hdr.msg_len, nullptr, 0, hdr.timeout) != 0) {
+        FRWK_ERR("call msg handler failed!");
+    }
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+int frwk_msg_handle_aync(uint32_t to, uint32_t msg, const void *data, int32_t len, uint32_t timeout)
+{
+    size_t size = static_cast<size_t>(len);
+    heap_ptr<frwk_ipc_reqrec_t> record(static_cast<frwk_ipc_reqrec_t *>(malloc(sizeof(frwk_ipc_reqrec_t) + size)));
+    if (record == nullptr) {
+        FRWK_ERR("alloc for aync msg failed!");
+        return FRWK_ERROR_NO_MEMORY;
+    }
+    record->hdr = {to, msg, 1, timeout, 0, len};
+    memcpy_s(record_body(record.get()), size, data, size);
+    if (frwk_thread_create(frwk_async_msg_handle, record.get()) == FRWK_THREAD_INVALID) {
+        FRWK_ERR("create aync msg handle thread error!");
+        return FRWK_ERROR_THREAD;
+    }
+    record.release();
+    return FRWK_ERROR_ASYNC;
+}
+
+/* --- one connection --------------------------------------------------------------------------------------------- */
+
+/* What a connection thread holds. */
+struct connection_t {
+    int *handle; /* the socket, in the block that the accept thread hands over */
+    uint8_t *body;
+    uint8_t *rsp; /* response frame */
+};
+
+static void end_connection(void *arg)
+{
+    cancel_guard no_cancel;
+    connection_t *conn = static_cast<connection_t *>(arg);
+    close(*conn->handle);
+    free(conn->handle);
+    free(conn->body);
+    free(conn->rsp);
+    g_s_module_ctx.ipc_threads.fetch_sub(1, std::memory_order_relaxed);
+}
+
+static bool receive_body(connection_t *conn, int32_t len)
+{
+    conn->body = static_cast<uint8_t *>(malloc(static_cast<size_t>(len)));
+    if (conn->body == nullptr) {
+        FRWK_ERR("alloc for ipc recv body error!");
+        return false;
+    }
+    if (frwk_ipc_recv(*conn->handle, conn->body, len) != len) {
+        FRWK_ERR("ipc recv body error!");
+        return false;
+    }
+    return true;
+}
+
+/* Serves the one request of a connection. */
+static void frwk_ipc_handle(connection_t *conn)
+{
+    frwk_ipc_reqhdr_t hdr;
+    if (frwk_ipc_recv(*conn->handle, &hdr, sizeof hdr) != static_cast<int32_t>(sizeof hdr) || hdr.rsp_size < 0) {
+        FRWK_ERR("recv ipc header error!");
+        return;
+    }
+    if (hdr.msg != FRWK_MSG_SYS_PING) {
+        FRWK_INFO("Receive msg=%d from module=%s", static_cast<int>(hdr.msg), frwk_module_label(hdr.from));
+    }
+    if (hdr.msg_len > 0 && !receive_body(conn, hdr.msg_len)) {
+        return;
+    }
+    size_t rsp_len = sizeof(frwk_ipc_rsphdr_t) + static_cast<size_t>(hdr.rsp_size);
+    conn->rsp = static_cast<uint8_t *>(calloc(1, rsp_len));
+    if (conn->rsp == nullptr) {
+        FRWK_ERR("alloc for ipc rsp error!");
+        return;
+    }
+    if (hdr.async != 0 && !frwk_ipc_write_all(conn->handle, conn->rsp, rsp_len)) {
+        FRWK_ERR("ipc send async response error!");
+        return;
+    }
+    int32_t rc = frwk_msg_handle(hdr.from, hdr.msg, conn->body, hdr.msg_len, conn->rsp + sizeof(frwk_ipc_rsphdr_t),
+                                 hdr.rsp_size, hdr.timeout);
+    if (hdr.async == 0) {
+        frwk_ipc_rsphdr_t rsphdr = {rc, hdr.rsp_size};
+        memcpy(conn->rsp, &rsphdr, sizeof rsphdr);
+        if (!frwk_ipc_write_all(conn->handle, conn->rsp, rsp_len)) {
+            FRWK_ERR("send ipc rsp error!");
+        }
+    }
+}
+
+static void *connection_main(void *handle)
+{
+    connection_t conn = {static_cast<int *>(handle), nullptr, nullptr};
+    pthread_cleanup_push(end_connection, &conn);
+    frwk_ipc_handle(&conn);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+/* --- the accept loop -------------------------------------------------------------------------------------------- */
+
+static void report_accept_error()
+{
+    int cause = errno;
+    FRWK_ERR("%s, errno=%d, cause: %s", "ipc accept error", cause, strerror(cause));
+    if (cause == EMFILE || cause == ENFILE) {
+        frwk_sleep(NO_DESCRIPTOR_PAUSE_MS); /* the connection stays queued: do not spin on it */
+    }
+}
+
+/* Hands an accepted socket to a thread of its own, or closes it. */
+static void start_connection(int accepted)
+{
+    unique_fd fd(accepted);
+    heap_ptr<int> handle(static_cast<int *>(malloc(sizeof(int))));
+    if (handle == nullptr) {
+        FRWK_ERR("alloc for accept handler failed!");
+        return;
+    }
+    *handle = accepted;
+    int32_t busy = g_s_module_ctx.ipc_threads.load(std::memory_order_relaxed);
+    if (busy > MAX_BUSY_THREADS) {
+        FRWK_ERR("handle thread too many... num is %d\n", busy);
+        return;
+    }
+    /* Reserved here, by the one thread that adds, and given back by the connection's own: never more than the limit. */
+    g_s_module_ctx.ipc_threads.fetch_add(1, std::memory_order_relaxed);
+    if (frwk_thread_create(connection_main, handle.get()) == FRWK_THREAD_INVALID) {
+        FRWK_ERR("create thread for accept handle error!");
+        g_s_module_ctx.ipc_threads.fetch_sub(1, std::memory_order_relaxed);
+        return;
+    }
+    handle.release();
+    fd.release();
+}
+
+static void *frwk_ipc_service(void *)
+{
+    int listener = g_s_module_ctx.ipc_fd.load(std::memory_order_relaxed);
+    for (;;) {
+        int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            report_accept_error();
+        } else {
+            start_connection(fd);
+        }
+    }
+}
+
+int frwk_ipc_run()
+{
+    if (g_s_module_ctx.ipc_fd.load(std::memory_order_relaxed) >= 0) {
+        return FRWK_ERROR_SUCCESS;
+    }
+    if (access("/tmp/odm/ipc", F_OK) != 0) {
+        (void)!system("mkdir -p /tmp/odm/ipc"); /* the bind reports a missing directory */
+        sync();
+    }
+    int fd = frwk_ipc_socket(frwk_module_own_id());
+    if (fd < 0) {
+        FRWK_ERR("create ipc service socket failed!");
+        return FRWK_ERROR_SOCKET;
+    }
+    g_s_module_ctx.ipc_fd.store(fd, std::memory_order_relaxed);
+    if (frwk_thread_create(frwk_ipc_service, nullptr) == FRWK_THREAD_INVALID) {
+        FRWK_ERR("create ipc service thread failed!");
+        close(fd);
+        g_s_module_ctx.ipc_fd.store(-1, std::memory_order_relaxed);
+        return FRWK_ERROR_THREAD;
+    }
+    FRWK_DBG("run ipc service success!");
+    return FRWK_ERROR_SUCCESS;
+}
+
+int frwk_ipc_init(frwk_ipc_handler_t handler)
+{
+    if (handler == nullptr) {
+        FRWK_ERR("Parameter is null!");
+        return FRWK_ERROR_INVALID_PARAM;
+    }
+    g_s_module_ctx.ipc_handler.store(handler, std::memory_order_release);
+    return FRWK_ERROR_SUCCESS;
+}
+
+int32_t frwk_ipc_timeout(int32_t value)
+{
+    return value;
+}

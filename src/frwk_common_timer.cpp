@@ -1,0 +1,199 @@
+/*
+ * The timer service, one thread over a sorted list, and the deadlines held by callers.
+ */
+#include "frwk_common_module.h"
+#include "frwk_guard.h"
+#include "frwk_thread.h"
+#include "frwk_timer.h"
+#include "frwk_trace.h"
+
+#include <limits.h>
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
+
+enum { TIMER_PERIOD_MS = 500 }; /* how often the thread looks, and the least delay */
+
+frwk_timer_ctrl_t g_s_timer_ctrl;
+
+static_assert(offsetof(frwk_timer_ctrl_t, list) == sizeof(pthread_mutex_t) &&
+              offsetof(frwk_timer_ctrl_t, default_cb) == sizeof(pthread_mutex_t) + 2 * sizeof(void *) &&
+              offsetof(frwk_timer_ctrl_t, next_id) == sizeof(pthread_mutex_t) + 3 * sizeof(void *) &&
+              offsetof(frwk_timer_ctrl_t, tid) == sizeof(pthread_mutex_t) + 4 * sizeof(void *));
+static_assert(offsetof(frwk_timer_t, id) == 2 * sizeof(void *) && offsetof(frwk_timer_t, timer_num) == 2 * sizeof(void *) + 4 &&
+              offsetof(frwk_timer_t, cb) == 2 * sizeof(void *) + 8 && offsetof(frwk_timer_t, data) == 3 * sizeof(void *) + 8 &&
+              offsetof(frwk_timer_t, expire) == 4 * sizeof(void *) + 8);
+
+static frwk_timer_t *timer_of(frwk_list_t *node)
+{
+    return frwk_list_entry(node, frwk_timer_t, node);
+}
+
+/* The first timer when it is due, unlinked; null when there is nothing to do yet. */
+static frwk_timer_t *take_due_timer()
+{
+    mutex_guard lock(&g_s_timer_ctrl.mutex);
+    if (frwk_list_empty(&g_s_timer_ctrl.list)) {
+        return nullptr;
+    }
+    frwk_timer_t *first = timer_of(g_s_timer_ctrl.list.next);
+    frwk_uptime_t now;
+    frwk_get_uptime(&now);
+    if (frwk_time_diff(&first->expire, &now) > 0) {
+        return nullptr;
+    }
+    frwk_list_del(&first->node);
+    return first;
+}
+
+/* frwk_timer_init() may replace the default callback while the thread looks at it. */
+static void store_default_cb(frwk_timer_cb_t cb)
+{
+    __atomic_store_n(&g_s_timer_ctrl.default_cb, cb, __ATOMIC_RELEASE);
+}
+
+static void fire(frwk_timer_t *timer)
+{
+    pthread_cleanup_push(free, timer);
+    frwk_timer_cb_t cb = timer->cb != nullptr ? timer->cb : __atomic_load_n(&g_s_timer_ctrl.default_cb, __ATOMIC_ACQUIRE);
+    if (cb != nullptr) {
+        cb(timer->timer_num, timer->data);
+    }
+    pthread_cleanup_pop(1);
+}
+
+static void *timer_main(void *)
+{
+    for (;;) {
+        frwk_timer_t *timer = take_due_timer();
+        if (timer == nullptr) {
+            frwk_sleep(TIMER_PERIOD_MS);
+        } else {
+            fire(timer);
+        }
+    }
+}
+
+int frwk_timer_init(frwk_timer_cb_t default_cb)
+{
+    if (g_s_module_ctx.timer_inited.load(std::memory_order_acquire) != 0) {
+        store_default_cb(default_cb);
+        return FRWK_ERROR_SUCCESS;
+    }
+    memset(&g_s_timer_ctrl, 0, sizeof g_s_timer_ctrl);
+    frwk_mutex_create(&g_s_timer_ctrl.mutex);
+    frwk_list_init(&g_s_timer_ctrl.list);
+    store_default_cb(default_cb);
+    g_s_timer_ctrl.next_id = 1;
+    g_s_timer_ctrl.tid = frwk_thread_create(timer_main, nullptr);
+    if (g_s_timer_ctrl.tid == FRWK_THREAD_INVALID) {
+        FRWK_ERR("create timer thread failed!");
+        frwk_mutex_close(&g_s_timer_ctrl.mutex);
+        return FRWK_ERROR_THREAD;
+    }
+    g_s_module_ctx.timer_inited.store(1, std::memory_order_release);
+    return FRWK_ERROR_SUCCESS;
+}
+
+/* The ids run from 1 to INT_MAX - 1 and start again. */
+static int32_t take_id()
+{
+    int32_t id = g_s_timer_ctrl.next_id == INT_MAX ? 1 : g_s_timer_ctrl.next_id;
+    g_s_timer_ctrl.next_id = id + 1;
+    return id;
+}
+
+/* Links the timer before the first one that is due at least a millisecond later. */
+static void insert_sorted(frwk_timer_t *timer)
+{
+    frwk_list_t *pos = g_s_timer_ctrl.list.next;
+    while (pos != &g_s_timer_ctrl.list && frwk_time_diff(&timer_of(pos)->expire, &timer->expire) <= 0) {
+        pos = pos->next;
+    }
+    frwk_list_add(pos, &timer->node);
+}
+
+int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay)
+{
+    if (g_s_module_ctx.timer_inited.load(std::memory_order_acquire) == 0) {
+        FRWK_ERR("timer service is not started!");
+        return 0;
+    }
+    if (delay < TIMER_PERIOD_MS) {
+        FRWK_ERR("timer(%dms) < delay(%dms)", delay, TIMER_PERIOD_MS);
+        return 0;
+    }
+    frwk_timer_t *timer = static_cast<frwk_timer_t *>(calloc(1, sizeof *timer));
+    if (timer == nullptr) {
+        FRWK_ERR("alloc new timer[%d] failed!", timer_num);
+        return 0;
+    }
+    timer->timer_num = timer_num;
+    timer->cb = cb;
+    timer->data = data;
+    frwk_simple_timer_start(&timer->expire, delay);
+
+    mutex_guard lock(&g_s_timer_ctrl.mutex);
+    int32_t id = take_id();
+    timer->id = id;
+    insert_sorted(timer);
+    return id;
+}
+
+int frwk_timer_start(int timer_num, void *data, int delay)
+{
+    return frwk_timer_cb_start(timer_num, nullptr, data, delay);
+}
+
+/* The pending timer of that id, unlinked, or null. */
+static frwk_timer_t *take_timer(int id)
+{
+    if (g_s_module_ctx.timer_inited.load(std::memory_order_acquire) == 0) {
+        return nullptr;
+    }
+    mutex_guard lock(&g_s_timer_ctrl.mutex);
+    frwk_list_for_each(node, &g_s_timer_ctrl.list) {
+        if (timer_of(node)->id == id) {
+            frwk_list_del(node);
+            return timer_of(node);
+        }
+    }
+    return nullptr;
+}
+
+void *frwk_timer_stop(int id)
+{
+    frwk_timer_t *timer = take_timer(id);
+    if (timer == nullptr) {
+        FRWK_ERR("can not found timer by id=%d", id);
+        return nullptr;
+    }
+    void *data = timer->data;
+    free(timer);
+    return data;
+}
+
+void frwk_simple_timer_start(frwk_uptime_t *t, int delay)
+{
+    frwk_get_uptime(t);
+    t->sec += delay / 1000;
+    t->usec += (delay % 1000) * 1000;
+    if (t->usec > 999999) {
+        t->sec += 1;
+        t->usec -= 1000000;
+    }
+}
+
+int frwk_simple_timer_timeout(const frwk_uptime_t *t)
+{
+    frwk_uptime_t now;
+    frwk_get_uptime(&now);
+    return frwk_time_diff(t, &now) <= 0 ? 1 : 0;
+}
+
+int frwk_simple_timer_remain(const frwk_uptime_t *t)
+{
+    frwk_uptime_t now;
+    frwk_get_uptime(&now);
+    return frwk_time_diff(t, &now) / 1000;
+}
