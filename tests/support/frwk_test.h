@@ -36,7 +36,7 @@ struct Result {
     std::string err;
 
     bool ok() const;      // exited with 0, which takes that no expectation failed in the child
-    bool aborted() const; // ended by SIGABRT
+    bool aborted() const; // ended by SIGABRT; what stood in the buffer of stdout is lost then, but not under TSan
 };
 std::ostream &operator<<(std::ostream &stream, const Result &result);
 
