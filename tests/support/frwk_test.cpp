@@ -24,15 +24,18 @@
 // Read by the sanitizers' runtimes: children of a test start threads, and a failed allocation is a case to test.
 extern "C" {
 const char *__asan_default_options();
-const char *__asan_default_options() {
+const char *__asan_default_options()
+{
     return "allocator_may_return_null=1:detect_stack_use_after_return=1:strict_string_checks=1";
 }
 const char *__ubsan_default_options();
-const char *__ubsan_default_options() {
+const char *__ubsan_default_options()
+{
     return "print_stacktrace=1";
 }
 const char *__tsan_default_options();
-const char *__tsan_default_options() {
+const char *__tsan_default_options()
+{
     return "die_after_fork=0:second_deadlock_stack=1";
 }
 }
@@ -41,7 +44,8 @@ namespace frwk_test {
 
 namespace {
 
-int memory_file() {
+int memory_file()
+{
     int fd = memfd_create("frwk_test", MFD_CLOEXEC);
     if (fd < 0) {
         perror("memfd_create");
@@ -50,7 +54,8 @@ int memory_file() {
     return fd;
 }
 
-std::string contents(int fd) {
+std::string contents(int fd)
+{
     std::string text;
     char buf[65536];
     ssize_t n;
@@ -61,7 +66,8 @@ std::string contents(int fd) {
 }
 
 // Waits for a child to end and kills it at the deadline; -1 then.
-int reap(pid_t pid, int ms) {
+int reap(pid_t pid, int ms)
+{
     int status = -1;
     if (wait_until([&] { return waitpid(pid, &status, WNOHANG) == pid; }, ms)) {
         return status;
@@ -72,7 +78,8 @@ int reap(pid_t pid, int ms) {
 }
 
 // Waits for `events` of a descriptor until the time `end`.
-bool poll_until(int fd, short events, long end) {
+bool poll_until(int fd, short events, long end)
+{
     for (;;) {
         pollfd entry = {fd, events, 0};
         long left = end - now_ms();
@@ -86,14 +93,16 @@ bool poll_until(int fd, short events, long end) {
     }
 }
 
-sockaddr_un address_of(const std::string &path) {
+sockaddr_un address_of(const std::string &path)
+{
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     return address;
 }
 
-int count_entries(const std::string &dir) {
+int count_entries(const std::string &dir)
+{
     DIR *handle = opendir(dir.c_str());
     if (!handle) {
         return -1;
@@ -108,13 +117,15 @@ int count_entries(const std::string &dir) {
 
 } // namespace
 
-long now_ms() {
+long now_ms()
+{
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-bool wait_until(const std::function<bool()> &done, int ms) {
+bool wait_until(const std::function<bool()> &done, int ms)
+{
     long end = now_ms() + ms;
     while (!done()) {
         if (now_ms() >= end) {
@@ -125,7 +136,8 @@ bool wait_until(const std::function<bool()> &done, int ms) {
     return true;
 }
 
-std::vector<std::string> split_lines(const std::string &text) {
+std::vector<std::string> split_lines(const std::string &text)
+{
     std::vector<std::string> lines;
     size_t start = 0;
     while (start < text.size()) {
@@ -136,45 +148,54 @@ std::vector<std::string> split_lines(const std::string &text) {
     return lines;
 }
 
-bool contains(const std::string &text, const std::string &part) {
+bool contains(const std::string &text, const std::string &part)
+{
     return text.find(part) != std::string::npos;
 }
 
-std::string read_file(const std::string &path) {
+std::string read_file(const std::string &path)
+{
     std::ifstream file(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
-void write_file(const std::string &path, const std::string &contents) {
+void write_file(const std::string &path, const std::string &contents)
+{
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file << contents << std::flush;
     EXPECT_TRUE(file.good()) << "cannot write " << path;
 }
 
-bool exists(const std::string &path) {
+bool exists(const std::string &path)
+{
     struct stat info;
     return lstat(path.c_str(), &info) == 0;
 }
 
-int count_fds(pid_t pid) {
+int count_fds(pid_t pid)
+{
     int own_handle = pid == getpid();
     return count_entries("/proc/" + std::to_string(pid) + "/fd") - own_handle;
 }
 
-int count_threads(pid_t pid) {
+int count_threads(pid_t pid)
+{
     return count_entries("/proc/" + std::to_string(pid) + "/task");
 }
 
-bool Result::ok() const {
+bool Result::ok() const
+{
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-bool Result::aborted() const {
+bool Result::aborted() const
+{
     return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
 }
 
-std::ostream &operator<<(std::ostream &stream, const Result &result) {
+std::ostream &operator<<(std::ostream &stream, const Result &result)
+{
     if (result.status == -1) {
         stream << "killed at the deadline";
     } else if (WIFSIGNALED(result.status)) {
@@ -185,7 +206,8 @@ std::ostream &operator<<(std::ostream &stream, const Result &result) {
     return stream << "\nstandard output:\n" << result.out << "\nstandard error:\n" << result.err << "\n";
 }
 
-Result run_child(const std::function<void()> &body, int seconds) {
+Result run_child(const std::function<void()> &body, int seconds)
+{
     int out = memory_file();
     int err = memory_file();
     fflush(nullptr);
@@ -206,11 +228,13 @@ Result run_child(const std::function<void()> &body, int seconds) {
     return result;
 }
 
-std::string TraceLine::brief() const {
+std::string TraceLine::brief() const
+{
     return level + "|" + file + "|" + func + "::" + msg;
 }
 
-TraceLine parse_syslog_text(const std::string &text) {
+TraceLine parse_syslog_text(const std::string &text)
+{
     TraceLine trace;
     std::string fields[4]; // level, file, function, line
     size_t start = 0;
@@ -231,7 +255,8 @@ TraceLine parse_syslog_text(const std::string &text) {
     return trace;
 }
 
-TraceLine parse_console_line(const std::string &line) {
+TraceLine parse_console_line(const std::string &line)
+{
     const size_t stamp = strlen("2024-01-02 09:05:07|");
     size_t bracket = line.find(']');
     if (line.empty() || line[0] != '[' || bracket == std::string::npos || line.size() < bracket + 1 + stamp ||
@@ -244,7 +269,8 @@ TraceLine parse_console_line(const std::string &line) {
     return trace;
 }
 
-std::vector<TraceLine> parse_console(const std::string &text) {
+std::vector<TraceLine> parse_console(const std::string &text)
+{
     std::vector<TraceLine> traces;
     for (const std::string &line : split_lines(text)) {
         TraceLine trace = parse_console_line(line);
@@ -255,34 +281,40 @@ std::vector<TraceLine> parse_console(const std::string &text) {
     return traces;
 }
 
-Capture::Capture(int fd) : target(fd), saved(-1), memory(memory_file()) {
+Capture::Capture(int fd) : target(fd), saved(-1), memory(memory_file())
+{
     fflush(nullptr);
     saved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
     dup2(memory, fd);
 }
 
-Capture::~Capture() {
+Capture::~Capture()
+{
     fflush(nullptr);
     dup2(saved, target);
     close(saved);
     close(memory);
 }
 
-std::string Capture::text() {
+std::string Capture::text()
+{
     fflush(nullptr);
     return contents(memory);
 }
 
-std::vector<TraceLine> Capture::traces() {
+std::vector<TraceLine> Capture::traces()
+{
     return parse_console(text());
 }
 
-bool Capture::wait_for(const std::string &part, int ms) {
+bool Capture::wait_for(const std::string &part, int ms)
+{
     return wait_until([&] { return contains(text(), part); }, ms);
 }
 
 // The messages stand in the memory file one after the other, each behind its length.
-SyslogSink::SyslogSink() : pid(-1), memory(memory_file()) {
+SyslogSink::SyslogSink() : pid(-1), memory(memory_file())
+{
     int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = address_of("/dev/log");
     if (bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
@@ -310,7 +342,8 @@ SyslogSink::SyslogSink() : pid(-1), memory(memory_file()) {
     close(fd);
 }
 
-SyslogSink::~SyslogSink() {
+SyslogSink::~SyslogSink()
+{
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
     close(memory);
@@ -318,7 +351,8 @@ SyslogSink::~SyslogSink() {
 }
 
 // "<PRIORITY>Mmm dd hh:mm:ss IDENT[PID]: TEXT", where "[PID]" is optional
-static SyslogLine parse_datagram(const std::string &datagram) {
+static SyslogLine parse_datagram(const std::string &datagram)
+{
     SyslogLine line;
     const size_t stamp = strlen("Jan  2 09:05:07 ");
     size_t start = datagram.find('>');
@@ -338,7 +372,8 @@ static SyslogLine parse_datagram(const std::string &datagram) {
     return line;
 }
 
-std::vector<SyslogLine> SyslogSink::lines() {
+std::vector<SyslogLine> SyslogSink::lines()
+{
     std::vector<SyslogLine> found;
     std::string frames = contents(memory);
     uint32_t size;
@@ -352,12 +387,14 @@ std::vector<SyslogLine> SyslogSink::lines() {
     return found;
 }
 
-std::vector<SyslogLine> SyslogSink::wait_for(size_t count, int ms) {
+std::vector<SyslogLine> SyslogSink::wait_for(size_t count, int ms)
+{
     wait_until([&] { return lines().size() >= count; }, ms);
     return lines();
 }
 
-bool SyslogSink::wait_for(const std::string &part, int ms) {
+bool SyslogSink::wait_for(const std::string &part, int ms)
+{
     return wait_until(
         [&] {
             for (const SyslogLine &line : lines()) {
@@ -370,11 +407,13 @@ bool SyslogSink::wait_for(const std::string &part, int ms) {
         ms);
 }
 
-std::string socket_path(const std::string &module) {
+std::string socket_path(const std::string &module)
+{
     return "/tmp/odm/ipc/" + module;
 }
 
-int raw_connect(const std::string &module, int ms) {
+int raw_connect(const std::string &module, int ms)
+{
     sockaddr_un address = address_of(socket_path(module));
     int fd = -1;
     wait_until(
@@ -391,7 +430,8 @@ int raw_connect(const std::string &module, int ms) {
     return fd;
 }
 
-int raw_listen(const std::string &module) {
+int raw_listen(const std::string &module)
+{
     std::filesystem::create_directories("/tmp/odm/ipc");
     sockaddr_un address = address_of(socket_path(module));
     unlink(address.sun_path);
@@ -402,15 +442,18 @@ int raw_listen(const std::string &module) {
     return fd;
 }
 
-int raw_accept(int listener, int ms) {
+int raw_accept(int listener, int ms)
+{
     return poll_until(listener, POLLIN, now_ms() + ms) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
 }
 
-bool raw_send(int fd, const std::string &bytes) {
+bool raw_send(int fd, const std::string &bytes)
+{
     return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-std::string raw_recv(int fd, size_t size, int ms) {
+std::string raw_recv(int fd, size_t size, int ms)
+{
     std::string bytes;
     long end = now_ms() + ms;
     while (bytes.size() < size && poll_until(fd, POLLIN, end)) {
@@ -424,12 +467,14 @@ std::string raw_recv(int fd, size_t size, int ms) {
     return bytes;
 }
 
-bool raw_closed(int fd, int ms) {
+bool raw_closed(int fd, int ms)
+{
     char byte;
     return poll_until(fd, POLLIN, now_ms() + ms) && recv(fd, &byte, 1, MSG_PEEK) <= 0;
 }
 
-Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::string &body, int ms) {
+Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::string &body, int ms)
+{
     Reply reply;
     long end = now_ms() + ms;
     int fd = raw_connect(module, ms);
@@ -451,7 +496,8 @@ Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::strin
 
 // Life of a module process. SIGTERM is blocked in all its threads and taken by the main one, so that the process ends
 // by exit() and the leak checker looks at it.
-[[noreturn]] static void be_module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb, int report) {
+[[noreturn]] static void be_module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb, int report)
+{
     setvbuf(stdout, nullptr, _IOLBF, 0);
     sigset_t term;
     sigemptyset(&term);
@@ -471,7 +517,8 @@ Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::strin
     exit(told && !::testing::Test::HasFailure() ? 0 : 1);
 }
 
-Module::Module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb) {
+Module::Module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb)
+{
     memory[1] = memory_file();
     memory[2] = memory_file();
     int report[2];
@@ -489,7 +536,8 @@ Module::Module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_
     close(report[0]);
 }
 
-Module::~Module() {
+Module::~Module()
+{
     if (pid > 0) {
         Result result = stop(SIGTERM);
         EXPECT_TRUE(result.ok()) << "a module process " << result;
@@ -498,19 +546,23 @@ Module::~Module() {
     close(memory[2]);
 }
 
-std::string Module::out() {
+std::string Module::out()
+{
     return contents(memory[1]);
 }
 
-std::string Module::err() {
+std::string Module::err()
+{
     return contents(memory[2]);
 }
 
-bool Module::wait_out(const std::string &part, int ms) {
+bool Module::wait_out(const std::string &part, int ms)
+{
     return wait_until([&] { return contains(out(), part); }, ms);
 }
 
-Result Module::wait(int ms) {
+Result Module::wait(int ms)
+{
     Result result;
     if (pid > 0) {
         result.status = reap(pid, ms);
@@ -521,7 +573,8 @@ Result Module::wait(int ms) {
     return result;
 }
 
-Result Module::stop(int signal, int ms) {
+Result Module::stop(int signal, int ms)
+{
     if (pid > 0) {
         kill(pid, signal);
     }

@@ -22,8 +22,8 @@ bool wait_until(const std::function<bool()> &done, int ms = DEADLINE_MS);
 std::vector<std::string> split_lines(const std::string &text);
 bool contains(const std::string &text, const std::string &part);
 
-std::string read_file(const std::string &path);                          // "" when it cannot be read
-void write_file(const std::string &path, const std::string &contents);   // makes the directories too
+std::string read_file(const std::string &path);                        // "" when it cannot be read
+void write_file(const std::string &path, const std::string &contents); // makes the directories too
 bool exists(const std::string &path);
 int count_fds(pid_t pid);
 int count_threads(pid_t pid);
@@ -92,7 +92,7 @@ struct SyslogSink {
     SyslogSink(const SyslogSink &) = delete;
     SyslogSink &operator=(const SyslogSink &) = delete;
 
-    std::vector<SyslogLine> lines(); // all so far
+    std::vector<SyslogLine> lines();                                      // all so far
     std::vector<SyslogLine> wait_for(size_t count, int ms = DEADLINE_MS); // all, once there are as many
     bool wait_for(const std::string &part, int ms = DEADLINE_MS);
 
@@ -118,7 +118,8 @@ struct RspHdr {
 };
 static_assert(sizeof(RspHdr) == 8, "response header");
 
-template <typename T> std::string bytes_of(const T &record) {
+template <typename T> std::string bytes_of(const T &record)
+{
     return std::string(reinterpret_cast<const char *>(&record), sizeof record);
 }
 
@@ -127,8 +128,8 @@ int raw_connect(const std::string &module, int ms = DEADLINE_MS); // tries until
 int raw_listen(const std::string &module);                        // makes the directories too
 int raw_accept(int listener, int ms = DEADLINE_MS);               // -1
 bool raw_send(int fd, const std::string &bytes);                  // in one write
-std::string raw_recv(int fd, size_t size, int ms = DEADLINE_MS);  // fewer bytes at the end of the stream or the deadline
-bool raw_closed(int fd, int ms = DEADLINE_MS);                    // true once the peer has closed, with nothing left to read
+std::string raw_recv(int fd, size_t size, int ms = DEADLINE_MS); // fewer bytes at the end of the stream or the deadline
+bool raw_closed(int fd, int ms = DEADLINE_MS); // true once the peer has closed, with nothing left to read
 
 struct Reply {
     bool complete = false; // header and all the announced data arrived, then the end of the stream
@@ -151,7 +152,7 @@ struct Module {
     std::string out(); // what it has written so far
     std::string err();
     bool wait_out(const std::string &part, int ms = DEADLINE_MS);
-    Result wait(int ms = DEADLINE_MS);          // waits for it to end by itself; it is killed at the deadline
+    Result wait(int ms = DEADLINE_MS);             // waits for it to end by itself; it is killed at the deadline
     Result stop(int signal, int ms = DEADLINE_MS); // SIGTERM is answered by exit(0)
 
     pid_t pid = -1;
