@@ -12,5 +12,10 @@ install(EXPORT frwk NAMESPACE frwk:: FILE frwk-config.cmake DESTINATION ${packag
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/frwk-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/frwk-config-version.cmake DESTINATION ${package_dir} COMPONENT development)
 
+# The prefix is told from the place of frwk.pc, so that an installation can be moved or staged.
+cmake_path(SET pc_dir NORMALIZE ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${pc_dir} OUTPUT_VARIABLE pc_prefix)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE pc_libdir)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE pc_includedir)
 configure_file(cmake/frwk.pc.in ${PROJECT_BINARY_DIR}/frwk.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/frwk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
