@@ -1,0 +1,205 @@
+#include "device.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <termios.h>
+#include <time.h>
+
+/*
+ * A synchronous request has no time limit: it ends when the target answers or closes. So it runs on a thread of its
+ * own, and the caller waits for that thread as long as it likes. At the deadline the thread is cancelled, which leaves
+ * nothing behind: the library takes back what it holds, and the record below goes with the last of its two users.
+ */
+struct call_t {
+    pthread_mutex_t lock;
+    sem_t ended;
+    int users;
+    uint32_t to;
+    uint32_t msg;
+    uint32_t timeout;
+    int32_t req_len;
+    int32_t rsp_size;
+    int32_t result;
+    int rc;
+    uint8_t *req;
+    uint8_t *rsp;
+};
+
+static void leave_call(void *arg)
+{
+    call_t *call = static_cast<call_t *>(arg);
+    frwk_mutex_lock(&call->lock);
+    bool last = --call->users == 0;
+    frwk_sem_post(&call->ended);
+    frwk_mutex_unlock(&call->lock);
+    if (last) {
+        frwk_sem_close(&call->ended);
+        frwk_mutex_close(&call->lock);
+        free(call);
+    }
+}
+
+static void *run_call(void *arg)
+{
+    call_t *call = static_cast<call_t *>(arg);
+    pthread_cleanup_push(leave_call, call);
+    call->rc = frwk_ipc_send_sync(call->to, call->msg, call->req, call->req_len, call->rsp, call->rsp_size,
+                                  call->timeout, &call->result);
+    pthread_cleanup_pop(1);
+    return nullptr;
+}
+
+/* The record, the request and room for the response in one block. */
+static call_t *make_call(const void *req, int32_t req_len, int32_t rsp_size)
+{
+    size_t req_room = static_cast<size_t>(req_len);
+    call_t *call = static_cast<call_t *>(calloc(1, sizeof *call + req_room + static_cast<size_t>(rsp_size)));
+    if (call != nullptr) {
+        call->req = reinterpret_cast<uint8_t *>(call + 1);
+        call->rsp = call->req + req_room;
+        if (req_room > 0) {
+            memcpy(call->req, req, req_room);
+        }
+        call->users = 2;
+        frwk_mutex_create(&call->lock);
+        frwk_sem_create(&call->ended);
+    }
+    return call;
+}
+
+/* The wait is on the monotonic clock: the wall clock of a device jumps once the network has told it the time. */
+static void wait_for_call(call_t *call, int ms)
+{
+    timespec end;
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += ms / 1000;
+    end.tv_nsec += ms % 1000 * 1000000L;
+    if (end.tv_nsec >= 1000000000) {
+        end.tv_sec += 1;
+        end.tv_nsec -= 1000000000;
+    }
+    while (sem_clockwait(&call->ended, CLOCK_MONOTONIC, &end) != 0 && errno == EINTR) {
+    }
+}
+
+int device_request(uint32_t to, uint32_t msg, const void *req, int32_t req_len, void *rsp, int32_t rsp_size, int ms,
+                   int32_t *result)
+{
+    call_t *call = make_call(req, req_len, rsp_size);
+    if (call == nullptr) {
+        return FRWK_ERROR_NO_MEMORY;
+    }
+    call->to = to;
+    call->msg = msg;
+    call->timeout = static_cast<uint32_t>((ms + 999) / 1000);
+    call->req_len = req_len;
+    call->rsp_size = rsp_size;
+    pthread_t thread = frwk_thread_create(run_call, call);
+    if (thread == FRWK_THREAD_INVALID) {
+        call->users = 1;
+        leave_call(call);
+        return FRWK_ERROR_THREAD;
+    }
+    wait_for_call(call, ms);
+
+    int rc = DEVICE_ERROR_TIMEOUT;
+    frwk_mutex_lock(&call->lock);
+    if (call->users == 2) {
+        frwk_thread_cancel(thread); /* under the lock it needs to leave, so it has not ended yet */
+    } else {
+        rc = call->rc;
+    }
+    frwk_mutex_unlock(&call->lock);
+    if (rc == FRWK_ERROR_SUCCESS || rc == FRWK_ERROR_FAILED) {
+        if (rsp_size > 0) {
+            memcpy(rsp, call->rsp, static_cast<size_t>(rsp_size));
+        }
+        if (result != nullptr) {
+            *result = call->result;
+        }
+    }
+    leave_call(call);
+    return rc;
+}
+
+int device_ping(uint32_t id, int ms)
+{
+    return device_request(id, FRWK_MSG_SYS_PING, nullptr, 0, nullptr, 0, ms, nullptr);
+}
+
+const char *device_error(int rc)
+{
+    switch (rc) {
+    case FRWK_ERROR_NO_MODULE:
+        return "is not running";
+    case FRWK_ERROR_FAILED:
+        return "answered with a failure";
+    case FRWK_ERROR_SEND:
+    case FRWK_ERROR_RECV:
+        return "closed the connection without an answer";
+    case DEVICE_ERROR_TIMEOUT:
+        return "does not answer";
+    default:
+        return "cannot be asked: memory or threads are short";
+    }
+}
+
+void device_mark(uint32_t from, const uint8_t *text, int32_t len)
+{
+    FRWK_INFO("mark of module %u: %.*s", from, len > 0 ? len : 0, reinterpret_cast<const char *>(text));
+}
+
+void device_raw(int fd)
+{
+    termios settings;
+    if (tcgetattr(fd, &settings) == 0) {
+        cfmakeraw(&settings);
+        tcsetattr(fd, TCSANOW, &settings);
+    }
+}
+
+int device_level(const char *name)
+{
+    static const char *const KNOWN[] = {"null", "error", "warning", "info", "debug"};
+    for (const char *known : KNOWN) {
+        if (strcasecmp(name, known) == 0) {
+            return frwk_level_match(known);
+        }
+    }
+    return -1;
+}
+
+void device_fail(int status, const char *fmt, ...)
+{
+    va_list args;
+    va_start(args, fmt);
+    fflush(stdout);
+    fprintf(stderr, "%s: ", program_invocation_short_name);
+    vfprintf(stderr, fmt, args);
+    fputc('\n', stderr);
+    va_end(args);
+    exit(status);
+}
+
+uint32_t device_module_arg(const char *text)
+{
+    uint32_t id = frwk_module_id(text);
+    if (id == FRWK_MODULE_MAX) {
+        device_fail(2, "unknown module '%s'", text);
+    }
+    return id;
+}
+
+long device_number_arg(const char *what, const char *text, long min, long max)
+{
+    char *end;
+    errno = 0;
+    long number = strtol(text, &end, 0);
+    if (errno != 0 || end == text || *end != '\0' || number < min || number > max) {
+        device_fail(2, "'%s' is no %s: a number from %ld to %ld", text, what, min, max);
+    }
+    return number;
+}

@@ -1,0 +1,304 @@
+/*
+ * monitor: runs the other modules of the device. It starts every supervised module whose program lies beside its own,
+ * asks each for a sign of life, and starts anew what has died or fallen silent.
+ *
+ * What it takes:
+ *   501 reboot        stops all modules, then starts all over, itself and its settings included
+ *   502 reset         starts one module after the other anew; the settings stay those of the monitor's start
+ *   503 monitor conf  starts or stops a module as its supervision flag says
+ *   SIGTERM, SIGHUP, SIGINT  stops all modules and ends
+ */
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "device.h"
+
+/* All in milliseconds, but for the misses. */
+enum {
+    TICK = 200,
+    PING_PERIOD = 1000,
+    PING_DEADLINE = 1000,
+    PING_MISSES = 3,
+    START_GRACE = 10000, /* a module may be silent that long after its start */
+    STOP_GRACE = 3000,   /* and may take that long to end before it is killed */
+    BACKOFF_MIN = 500,
+    BACKOFF_MAX = 30000
+};
+
+struct child_t {
+    uint32_t id;
+    pid_t pid;           /* 0 while it does not run */
+    int backoff;         /* pause before the next start if it dies now; doubles with each death soon after a start */
+    int misses;          /* pings in a row without an answer */
+    bool settled;        /* it has outlived START_GRACE */
+    frwk_uptime_t grace; /* when it does */
+    frwk_uptime_t due;   /* its next ping; while it does not run, its next start */
+};
+
+/* What a request leaves to the main thread. */
+struct order_t {
+    uint32_t msg;
+    uint32_t id;
+    int32_t value;
+};
+
+static int s_children; /* hash table: names of the modules that are kept running, each with its child_t */
+/*
+ * Requests arrive on threads that end soon, and a child gets its parent-death signal when the thread that forked it
+ * ends. So all is started from the main thread, and this pipe brings the orders there.
+ */
+static int s_orders[2];
+static char s_program[PATH_MAX];
+static volatile sig_atomic_t s_end;
+
+static child_t *child_of(uint32_t id)
+{
+    return static_cast<child_t *>(frwk_hash_lookup_symbol(s_children, frwk_module_name(id)));
+}
+
+/* In the child, where other threads' locks may be held for good: nothing but system calls. */
+[[noreturn]] static void run_program(const char *path, char **argv)
+{
+    signal(SIGPIPE, SIG_DFL); /* start-up has this ignored and blocked, which a program would inherit */
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    dup2(null, STDIN_FILENO);
+    execv(path, argv);
+    _exit(127);
+}
+
+static void program_path(uint32_t id, char *path, size_t size)
+{
+    int dir_len = static_cast<int>(frwk_get_filename(s_program) - s_program);
+    snprintf(path, size, "%.*s%s", dir_len, s_program, frwk_module_name(id));
+}
+
+static void start(child_t *child)
+{
+    char path[PATH_MAX];
+    char *argv[64] = {path};
+    program_path(child->id, path, sizeof path);
+    char *words = frwk_strdup(g_s_modules_info[child->id].start_cmd);
+    char *rest = nullptr;
+    char *word = words != nullptr ? strtok_r(words, " \t\n", &rest) : nullptr;
+    for (int i = 1; word != nullptr && i < 63; i++) {
+        argv[i] = word;
+        word = strtok_r(nullptr, " \t\n", &rest);
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        run_program(path, argv);
+    }
+    free(words);
+    if (pid < 0) {
+        FRWK_ERR("fork for %s failed: %s", path, strerror(errno));
+        frwk_simple_timer_start(&child->due, child->backoff);
+        return;
+    }
+    FRWK_INFO("started %s, pid %d", path, pid);
+    child->pid = pid;
+    child->misses = 0;
+    child->settled = false;
+    frwk_simple_timer_start(&child->grace, START_GRACE);
+    frwk_simple_timer_start(&child->due, PING_PERIOD);
+}
+
+static void stop(child_t *child)
+{
+    if (child->pid == 0) {
+        return;
+    }
+    frwk_uptime_t end;
+    frwk_simple_timer_start(&end, STOP_GRACE);
+    kill(child->pid, SIGTERM);
+    while (waitpid(child->pid, nullptr, WNOHANG) == 0) {
+        if (frwk_simple_timer_timeout(&end)) {
+            kill(child->pid, SIGKILL);
+        }
+        frwk_sleep(10);
+    }
+    FRWK_INFO("stopped %s", frwk_module_name(child->id));
+    child->pid = 0;
+}
+
+/* Starts a module and keeps it running from now on. */
+static void adopt(uint32_t id)
+{
+    char path[PATH_MAX];
+    program_path(id, path, sizeof path);
+    bool daemon = id != FRWK_MODULE_MONITOR && (g_s_modules_info[id].flags & FRWK_MODULE_FLAG_IPC) != 0;
+    if (!daemon || child_of(id) != nullptr || access(path, X_OK) != 0) {
+        return;
+    }
+    child_t *child = static_cast<child_t *>(calloc(1, sizeof *child));
+    frwk_hash_value_t value = frwk_hash_value_symbol(child);
+    value.need_free = 1; /* the table owns it */
+    if (child == nullptr || frwk_hash_enter(s_children, frwk_module_name(id), value) == nullptr) {
+        FRWK_ERR("no memory to run %s", path);
+        free(child);
+        return;
+    }
+    child->id = id;
+    child->backoff = BACKOFF_MIN;
+    start(child);
+}
+
+static void dismiss(uint32_t id)
+{
+    child_t *child = child_of(id);
+    if (child != nullptr) {
+        stop(child);
+        frwk_hash_delete(s_children, frwk_module_name(id));
+    }
+}
+
+static void start_all()
+{
+    for (uint32_t id = 1; id < FRWK_MODULE_MAX; id++) {
+        if (g_s_modules_info[id].flags & FRWK_MODULE_FLAG_MONITOR_SERVICE) {
+            adopt(id);
+        }
+    }
+}
+
+static void stop_all()
+{
+    for (uint32_t id = FRWK_MODULE_MAX - 1; id > 0; id--) {
+        dismiss(id);
+    }
+}
+
+/* Waits for a module that was just started to serve, so that never more than one is away. */
+static void restart(child_t *child)
+{
+    stop(child);
+    child->backoff = BACKOFF_MIN;
+    start(child);
+    for (int ms = 0; ms < STOP_GRACE && device_ping(child->id, PING_DEADLINE) != FRWK_ERROR_SUCCESS; ms += 50) {
+        frwk_sleep(50);
+    }
+}
+
+/* The death of a child, or its silence. */
+static void supervise(child_t *child)
+{
+    int status;
+    if (child->pid == 0) {
+        if (frwk_simple_timer_timeout(&child->due)) {
+            start(child);
+        }
+    } else if (waitpid(child->pid, &status, WNOHANG) == child->pid) {
+        FRWK_ERR("%s died, status 0x%x; next start in %d ms", frwk_module_name(child->id), status, child->backoff);
+        child->pid = 0;
+        frwk_simple_timer_start(&child->due, child->backoff);
+        child->backoff = child->backoff > BACKOFF_MAX / 2 ? BACKOFF_MAX : child->backoff * 2;
+    } else if (frwk_simple_timer_timeout(&child->due)) {
+        child->settled = child->settled || frwk_simple_timer_timeout(&child->grace);
+        bool answers = device_ping(child->id, PING_DEADLINE) == FRWK_ERROR_SUCCESS;
+        child->misses = answers ? 0 : child->misses + 1;
+        if (answers && child->settled) {
+            child->backoff = BACKOFF_MIN;
+        } else if (child->misses >= PING_MISSES && child->settled) {
+            FRWK_ERR("%s does not answer", frwk_module_name(child->id));
+            kill(child->pid, SIGKILL);
+        }
+        frwk_simple_timer_start(&child->due, PING_PERIOD);
+    }
+}
+
+static void obey(const order_t *order)
+{
+    int32_t *flags = &g_s_modules_info[order->id].flags;
+    if (order->msg == FRWK_MSG_SYS_REBOOT) {
+        char *argv[] = {s_program, nullptr};
+        stop_all();
+        execv(s_program, argv); /* frees the lock and reads everything anew, as after a power cycle */
+        FRWK_ERR("exec of %s failed: %s", s_program, strerror(errno));
+        start_all();
+    } else if (order->msg == FRWK_MSG_SYS_RESET) {
+        for (uint32_t id = 1; id < FRWK_MODULE_MAX; id++) {
+            if (child_of(id) != nullptr) {
+                restart(child_of(id));
+            }
+        }
+    } else if (order->value == 1) {
+        *flags |= FRWK_MODULE_FLAG_MONITOR_SERVICE;
+        adopt(order->id);
+    } else {
+        *flags &= ~FRWK_MODULE_FLAG_MONITOR_SERVICE;
+        dismiss(order->id);
+    }
+}
+
+static int32_t handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t req_len, uint8_t *, int32_t, uint32_t)
+{
+    order_t order = {msg, 0, 0};
+    switch (msg) {
+    case FRWK_MSG_SYS_REBOOT:
+    case FRWK_MSG_SYS_RESET:
+        break;
+    case FRWK_MSG_SYS_MONITOR_CONF:
+        if (req == nullptr || req_len != 8) {
+            return FRWK_ERROR_INVALID_PARAM;
+        }
+        memcpy(&order.id, req, 4);
+        memcpy(&order.value, req + 4, 4);
+        if (order.id < 1 || order.id >= FRWK_MODULE_MAX) {
+            return FRWK_ERROR_INVALID_PARAM;
+        }
+        break;
+    case DEVICE_MSG_MARK:
+        device_mark(from, req, req_len);
+        return FRWK_ERROR_SUCCESS;
+    default:
+        return FRWK_ERROR_UNSUPPORTED;
+    }
+    return write(s_orders[1], &order, sizeof order) == sizeof order ? FRWK_ERROR_SUCCESS : FRWK_ERROR_FAILED;
+}
+
+static void note_signal(int)
+{
+    s_end = 1;
+}
+
+int main()
+{
+    struct sigaction action = {};
+    action.sa_handler = note_signal;
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGHUP, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+    s_children = frwk_hash_create(FRWK_MODULE_MAX);
+    ssize_t len = readlink("/proc/self/exe", s_program, sizeof s_program - 1);
+    if (len < 0 || s_children < 0 || pipe2(s_orders, O_CLOEXEC | O_NONBLOCK) != 0) {
+        device_fail(1, "cannot start: %s", strerror(errno));
+    }
+    if (frwk_module_init(FRWK_MODULE_MONITOR, nullptr) != FRWK_ERROR_SUCCESS) {
+        return 1;
+    }
+    frwk_ipc_init(handle);
+    start_all();
+    while (!s_end) {
+        pollfd orders = {s_orders[0], POLLIN, 0};
+        order_t order;
+        if (poll(&orders, 1, TICK) > 0 && read(s_orders[0], &order, sizeof order) == sizeof order) {
+            obey(&order);
+        }
+        for (frwk_hash_entry_t *entry = frwk_hash_first(s_children); entry != nullptr;
+             entry = frwk_hash_next(s_children, entry)) {
+            supervise(reinterpret_cast<child_t *>(entry->value.data));
+        }
+    }
+    stop_all();
+    frwk_hash_free(s_children);
+    return 0;
+}
