@@ -72,7 +72,7 @@ FRWK_API void *frwk_hash_lookup_symbol(int handle, const char *key);
 /** @return 0 when the key was removed, -1 when it was not there. */
 FRWK_API int frwk_hash_delete(int handle, const char *key);
 
-/** @return the first entry: buckets ascending, each in the order in which its keys were first entered; null for none. */
+/** @return the first entry: buckets ascending, each in the order in which its keys were entered; null for none. */
 FRWK_API frwk_hash_entry_t *frwk_hash_first(int handle);
 
 /** @return the entry after `entry` (the first for null); null at the end. Take it before deleting `entry`. */

@@ -42,8 +42,7 @@ FRWK_API int frwk_list_cont(const frwk_list_t *head);
 #define frwk_list_entry(node, type, member) ((type *)(void *)((char *)(node)-offsetof(type, member)))
 
 /** Walks the links of a list; the body must not unlink `pos`. */
-#define frwk_list_for_each(pos, head)                                                                                  \
-    for (frwk_list_t *pos = (head)->next; pos != (head); pos = pos->next)
+#define frwk_list_for_each(pos, head) for (frwk_list_t *pos = (head)->next; pos != (head); pos = pos->next)
 
 /** Walks the links of a list; the body may unlink and free `pos`. */
 #define frwk_list_for_each_safe(pos, head)                                                                             \

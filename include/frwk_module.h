@@ -39,28 +39,28 @@ enum {
 /** Result codes. A call that reports only success or failure gives 0 or -1. */
 enum {
     FRWK_ERROR_SUCCESS = 0,
-    FRWK_ERROR_NO_MODULE = 1,      /**< Target id outside 1 to 9, or nothing listens on its socket. */
-    FRWK_ERROR_FAILED = 2,         /**< A handler's failure result. */
-    FRWK_ERROR_INVALID_PARAM = 3,  /**< Missing or inconsistent argument. */
-    FRWK_ERROR_CONFIG_FILE = 4,    /**< A configuration file cannot be parsed or has no root element. */
-    FRWK_ERROR_NO_MEMORY = 5,      /**< An allocation failed. */
-    FRWK_ERROR_NOT_FOUND = 7,      /**< A needed element or submodule does not exist. */
-    FRWK_ERROR_UNSUPPORTED = 8,    /**< Unknown trace level name. */
-    FRWK_ERROR_SOCKET = 11,        /**< The IPC service's socket cannot be created. */
-    FRWK_ERROR_FILE_CREATE = 12,   /**< A file cannot be written; the previous one is back in place. */
-    FRWK_ERROR_NO_HANDLER = 13,    /**< No IPC handler was registered before the request's wait ran out. */
-    FRWK_ERROR_THREAD = 14,        /**< A thread cannot be started. */
-    FRWK_ERROR_ASYNC = 15,         /**< An asynchronous request was taken: its normal outcome, not a failure. */
-    FRWK_ERROR_SEND = 18,          /**< A request could not be written to the peer. */
-    FRWK_ERROR_RECV = 19           /**< A response could not be read from the peer. */
+    FRWK_ERROR_NO_MODULE = 1,     /**< Target id outside 1 to 9, or nothing listens on its socket. */
+    FRWK_ERROR_FAILED = 2,        /**< A handler's failure result. */
+    FRWK_ERROR_INVALID_PARAM = 3, /**< Missing or inconsistent argument. */
+    FRWK_ERROR_CONFIG_FILE = 4,   /**< A configuration file cannot be parsed or has no root element. */
+    FRWK_ERROR_NO_MEMORY = 5,     /**< An allocation failed. */
+    FRWK_ERROR_NOT_FOUND = 7,     /**< A needed element or submodule does not exist. */
+    FRWK_ERROR_UNSUPPORTED = 8,   /**< Unknown trace level name. */
+    FRWK_ERROR_SOCKET = 11,       /**< The IPC service's socket cannot be created. */
+    FRWK_ERROR_FILE_CREATE = 12,  /**< A file cannot be written; the previous one is back in place. */
+    FRWK_ERROR_NO_HANDLER = 13,   /**< No IPC handler was registered before the request's wait ran out. */
+    FRWK_ERROR_THREAD = 14,       /**< A thread cannot be started. */
+    FRWK_ERROR_ASYNC = 15,        /**< An asynchronous request was taken: its normal outcome, not a failure. */
+    FRWK_ERROR_SEND = 18,         /**< A request could not be written to the peer. */
+    FRWK_ERROR_RECV = 19          /**< A response could not be read from the peer. */
 };
 
 /** One row of the module table. */
 typedef struct {
-    const char *name;  /**< The module's name: of its socket, lock file, log identity and configuration sections. */
-    int32_t flags;     /**< FRWK_MODULE_FLAG_ bits. */
-    int32_t delay;     /**< Milliseconds that frwk_module_init() sleeps at its end when above 0. */
-    char *start_cmd;   /**< Start arguments, or null. Only the monitor's start-up replaces it. */
+    const char *name; /**< The module's name: of its socket, lock file, log identity and configuration sections. */
+    int32_t flags;    /**< FRWK_MODULE_FLAG_ bits. */
+    int32_t delay;    /**< Milliseconds that frwk_module_init() sleeps at its end when above 0. */
+    char *start_cmd;  /**< Start arguments, or null. Only the monitor's start-up replaces it. */
 } frwk_module_info_t;
 
 /**

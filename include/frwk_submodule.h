@@ -22,11 +22,11 @@ enum { FRWK_SUBMODULE_MIN = 0, FRWK_SUBMODULE_MAX = 8 };
 
 /** A message: one heap block, owned by the receiving callback, which ends it with free(). */
 typedef struct {
-    frwk_list_t node; /**< Link in the receiver's queue; free for the callback's own use. */
-    uint32_t to;      /**< Receiving submodule. */
-    uint32_t from;    /**< The sender's value, by convention its submodule id. */
-    uint32_t msg;     /**< Message id, the module's own. */
-    int32_t len;      /**< Number of bytes in `data`. */
+    frwk_list_t node;             /**< Link in the receiver's queue; free for the callback's own use. */
+    uint32_t to;                  /**< Receiving submodule. */
+    uint32_t from;                /**< The sender's value, by convention its submodule id. */
+    uint32_t msg;                 /**< Message id, the module's own. */
+    int32_t len;                  /**< Number of bytes in `data`. */
     __extension__ uint8_t data[]; /**< A copy of what was sent. */
 } frwk_submodule_msg_t;
 

@@ -17,13 +17,7 @@
 FRWK_BEGIN_DECLS
 
 /** Trace levels. Ordered thresholds, not a mask. */
-enum {
-    FRWK_TRACE_NULL = 0,
-    FRWK_TRACE_ERROR = 1,
-    FRWK_TRACE_WARNING = 2,
-    FRWK_TRACE_INFO = 4,
-    FRWK_TRACE_DEBUG = 8
-};
+enum { FRWK_TRACE_NULL = 0, FRWK_TRACE_ERROR = 1, FRWK_TRACE_WARNING = 2, FRWK_TRACE_INFO = 4, FRWK_TRACE_DEBUG = 8 };
 
 /**
  * Prints one trace line, or nothing when `level` lies above the process's threshold. Never allocates.

@@ -76,7 +76,7 @@ FRWK_API const char *frwk_xml_strerror(uint32_t code);
 
 /** @return a new attribute, to be ended with frwk_xml_free_attr() or linked to a node; null when memory is short. */
 FRWK_API frwk_xml_attr_t *frwk_xml_alloc_attr(void);
-/** @return a new element node, to be ended with frwk_xml_free_node() or linked to a parent; null when memory is short. */
+/** @return a new element, to be ended with frwk_xml_free_node() or linked to a parent; null when memory is short. */
 FRWK_API frwk_xml_node_t *frwk_xml_alloc_node(void);
 /** @return a new empty document, to be ended with frwk_xml_free_doc(); null when memory is short. */
 FRWK_API frwk_xml_doc_t *frwk_xml_alloc_doc(void);

@@ -10,12 +10,10 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
-enum {
-    NOTIFY_TIMEOUT_S = 3,
-    STATUS_TIMEOUT_S = 3
-};
+enum { NOTIFY_TIMEOUT_S = 3, STATUS_TIMEOUT_S = 3 };
 
 /* What a request holds while it waits. */
 struct exchange_t {
@@ -55,42 +53,42 @@ static int send_frame(exchange_t *exchange, uint32_t to, int32_t body_len)
         FRWK_ERR("ipc connect to module [%s] failed!", frwk_module_label(to));
         return FRWK_ERROR_NO_MODULE;
     }
-    if (!frwk_ipc_write_all(&exchange->fd, exchange->frame, sizeof(frwk_ipc_reqhdr_t) + static_cast<size_t>(body_len))) {
+    if (!frwk_ipc_write_all(&exchange->fd, exchange->frame,
+                            sizeof(frwk_ipc_reqhdr_t) + static_cast<size_t>(body_len))) {
         FRWK_ERR("ipc send req msg failed!");
         return FRWK_ERROR_SEND;
     }
     return FRWK_ERROR_SUCCESS;
 }
 
-/* One blocking read, made again when a signal ended it before any data came. */
-static ssize_t read_socket(int fd, void *buf, size_t size)
+/*
+ * One blocking read of the response header, and with it of as much data as is there already and fits; made again when
+ * a signal ended it before anything came. The number of data bytes read, -1 when the header did not come whole.
+ */
+static int32_t read_header(int fd, frwk_ipc_rsphdr_t *rsphdr, void *data, int32_t size)
 {
+    struct iovec parts[2] = {{rsphdr, sizeof *rsphdr}, {data, static_cast<size_t>(size)}};
     ssize_t got;
     do {
-        got = recv(fd, buf, size, 0);
+        got = readv(fd, parts, size > 0 ? 2 : 1);
     } while (got < 0 && errno == EINTR);
-    return got;
-}
-
-static int read_header(int fd, frwk_ipc_rsphdr_t *rsphdr)
-{
-    if (read_socket(fd, rsphdr, sizeof *rsphdr) != static_cast<ssize_t>(sizeof *rsphdr)) {
+    if (got < static_cast<ssize_t>(sizeof *rsphdr)) {
         FRWK_ERR("ipc recv rsp header failed!");
-        return FRWK_ERROR_RECV;
+        return -1;
     }
-    return FRWK_ERROR_SUCCESS;
+    return static_cast<int32_t>(got - static_cast<ssize_t>(sizeof *rsphdr));
 }
 
-/* Reads until the announced length is there; more than that, or less at the end, is a failure. */
-static bool read_data(int fd, uint8_t *rsp, int32_t rsp_size, int32_t announced)
+/* Reads on until the announced length is there; more than that, or less at the end, is a failure. */
+static bool read_data(int fd, uint8_t *rsp, int32_t rsp_size, int32_t have, int32_t announced)
 {
-    int32_t have = 0;
     while (have < announced) {
-        ssize_t got = read_socket(fd, rsp + have, static_cast<size_t>(rsp_size - have));
-        if (got <= 0) {
+        ssize_t got = recv(fd, rsp + have, static_cast<size_t>(rsp_size - have), 0);
+        if (got > 0) {
+            have += static_cast<int32_t>(got);
+        } else if (got == 0 || errno != EINTR) {
             return false;
         }
-        have += static_cast<int32_t>(got);
     }
     return have == announced;
 }
@@ -98,13 +96,13 @@ static bool read_data(int fd, uint8_t *rsp, int32_t rsp_size, int32_t announced)
 static int read_response(int fd, uint8_t *rsp, int32_t rspsize, int32_t *result)
 {
     frwk_ipc_rsphdr_t rsphdr;
-    int rc = read_header(fd, &rsphdr);
-    if (rc != FRWK_ERROR_SUCCESS) {
-        return rc;
+    int32_t have = read_header(fd, &rsphdr, rsp, rspsize);
+    if (have < 0) {
+        return FRWK_ERROR_RECV;
     }
     if (rsphdr.msg_len > 0) {
         FRWK_ASSERT(rsphdr.msg_len <= rspsize);
-        if (!read_data(fd, rsp, rspsize, rsphdr.msg_len)) {
+        if (!read_data(fd, rsp, rspsize, have, rsphdr.msg_len)) {
             FRWK_ERR("ipc recv rsp data failed!");
             return FRWK_ERROR_RECV;
         }
@@ -175,7 +173,7 @@ int frwk_ipc_send_async(uint32_t to, uint32_t msg, const void *data, int32_t len
     rc = send_frame(&exchange, to, len);
     if (rc == FRWK_ERROR_SUCCESS) {
         frwk_ipc_rsphdr_t acknowledgement;
-        rc = read_header(exchange.fd, &acknowledgement);
+        rc = read_header(exchange.fd, &acknowledgement, nullptr, 0) == 0 ? FRWK_ERROR_SUCCESS : FRWK_ERROR_RECV;
     }
     pthread_cleanup_pop(1);
     return rc == FRWK_ERROR_SUCCESS ? FRWK_ERROR_ASYNC : rc;
@@ -237,7 +235,8 @@ uint32_t frwk_get_module_status(uint32_t id)
     }
     uint32_t status = 0;
     int32_t rc = 0;
-    if (frwk_ipc_msg_get(id, FRWK_MSG_SYS_STATUS, &status, sizeof status, STATUS_TIMEOUT_S, &rc) != FRWK_ERROR_SUCCESS) {
+    if (frwk_ipc_msg_get(id, FRWK_MSG_SYS_STATUS, &status, sizeof status, STATUS_TIMEOUT_S, &rc) !=
+        FRWK_ERROR_SUCCESS) {
         return 0;
     }
     return rc == FRWK_ERROR_SUCCESS ? status : 0;

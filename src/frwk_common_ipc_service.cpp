@@ -18,8 +18,8 @@
 #include <unistd.h>
 
 enum {
-    MAX_BUSY_THREADS = 20,  /* a connection that meets more than these is refused: at most 21 run at once */
-    HANDLER_POLL_MS = 100,  /* how often a request looks for a handler that is not registered yet */
+    MAX_BUSY_THREADS = 20, /* a connection that meets more than these is refused: at most 21 run at once */
+    HANDLER_POLL_MS = 100, /* how often a request looks for a handler that is not registered yet */
     NO_DESCRIPTOR_PAUSE_MS = 10
 };
 

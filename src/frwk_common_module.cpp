@@ -31,7 +31,8 @@ frwk_module_info_t g_s_modules_info[FRWK_MODULE_MAX + 1] = {
 frwk_module_ctx_t g_s_module_ctx;
 
 /* The records of the library's edge: the same bytes for every program built against it. */
-static_assert(offsetof(frwk_module_info_t, flags) == sizeof(void *) && offsetof(frwk_module_info_t, delay) == sizeof(void *) + 4 &&
+static_assert(offsetof(frwk_module_info_t, flags) == sizeof(void *) &&
+              offsetof(frwk_module_info_t, delay) == sizeof(void *) + 4 &&
               offsetof(frwk_module_info_t, start_cmd) == sizeof(void *) + 8 &&
               sizeof(frwk_module_info_t) == 2 * sizeof(void *) + 8);
 

@@ -27,14 +27,28 @@ static bool frwk_smt_push(frwk_smt_t *smt, frwk_submodule_msg_t *msg)
     return was_empty;
 }
 
-/* Takes the oldest message, null when there is none. */
-static frwk_submodule_msg_t *frwk_smt_pop(frwk_smt_t *smt)
+/* Moves all pending messages to the end of an empty list, under one lock instead of one for each. */
+static void take_pending(frwk_smt_t *smt, frwk_list_t *batch)
 {
     mutex_guard lock(&smt->lock);
-    if (frwk_list_empty(&smt->queue)) {
+    if (!frwk_list_empty(&smt->queue)) {
+        *batch = smt->queue;
+        batch->next->prev = batch;
+        batch->prev->next = batch;
+        frwk_list_init(&smt->queue);
+    }
+}
+
+/* The oldest message, null when there is none. The batch holds what was taken off the queue and not delivered yet. */
+static frwk_submodule_msg_t *frwk_smt_pop(frwk_smt_t *smt, frwk_list_t *batch)
+{
+    if (frwk_list_empty(batch)) {
+        take_pending(smt, batch);
+    }
+    if (frwk_list_empty(batch)) {
         return nullptr;
     }
-    frwk_list_t *node = smt->queue.next;
+    frwk_list_t *node = batch->next;
     frwk_list_del(node);
     return frwk_list_entry(node, frwk_submodule_msg_t, node);
 }
@@ -44,9 +58,11 @@ static void *frwk_submodule_main(void *arg)
     frwk_smt_t *smt = static_cast<frwk_smt_t *>(arg);
     FRWK_ASSERT(NULL != smt);
     frwk_submodule_cb_t cb = smt->cb.load(std::memory_order_acquire);
+    frwk_list_t batch;
+    frwk_list_init(&batch);
     for (;;) {
         frwk_sem_wait(&smt->sem);
-        while (frwk_submodule_msg_t *msg = frwk_smt_pop(smt)) {
+        while (frwk_submodule_msg_t *msg = frwk_smt_pop(smt, &batch)) {
             cb(msg);
         }
     }

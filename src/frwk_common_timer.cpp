@@ -20,13 +20,52 @@ static_assert(offsetof(frwk_timer_ctrl_t, list) == sizeof(pthread_mutex_t) &&
               offsetof(frwk_timer_ctrl_t, default_cb) == sizeof(pthread_mutex_t) + 2 * sizeof(void *) &&
               offsetof(frwk_timer_ctrl_t, next_id) == sizeof(pthread_mutex_t) + 3 * sizeof(void *) &&
               offsetof(frwk_timer_ctrl_t, tid) == sizeof(pthread_mutex_t) + 4 * sizeof(void *));
-static_assert(offsetof(frwk_timer_t, id) == 2 * sizeof(void *) && offsetof(frwk_timer_t, timer_num) == 2 * sizeof(void *) + 4 &&
-              offsetof(frwk_timer_t, cb) == 2 * sizeof(void *) + 8 && offsetof(frwk_timer_t, data) == 3 * sizeof(void *) + 8 &&
+static_assert(offsetof(frwk_timer_t, id) == 2 * sizeof(void *) &&
+              offsetof(frwk_timer_t, timer_num) == 2 * sizeof(void *) + 4 &&
+              offsetof(frwk_timer_t, cb) == 2 * sizeof(void *) + 8 &&
+              offsetof(frwk_timer_t, data) == 3 * sizeof(void *) + 8 &&
               offsetof(frwk_timer_t, expire) == 4 * sizeof(void *) + 8);
+
+/* A pending timer as the service keeps it. */
+struct pending_t {
+    frwk_timer_t timer;
+    pending_t *next; /* of the same bucket of by_id */
+};
+
+/* The pending timers by id, so that a stop need not walk the list. Guarded by the service's mutex. */
+enum { ID_BUCKETS = 256 };
+static pending_t *by_id[ID_BUCKETS];
 
 static frwk_timer_t *timer_of(frwk_list_t *node)
 {
     return frwk_list_entry(node, frwk_timer_t, node);
+}
+
+/* Where the pointer to the pending timer of that id stands; it is null when there is none. */
+static pending_t **find_by_id(int id)
+{
+    pending_t **link = &by_id[static_cast<unsigned int>(id) % ID_BUCKETS];
+    while (*link != nullptr && (*link)->timer.id != id) {
+        link = &(*link)->next;
+    }
+    return link;
+}
+
+static void link_by_id(frwk_timer_t *timer)
+{
+    pending_t *pending = reinterpret_cast<pending_t *>(timer);
+    pending_t **bucket = &by_id[static_cast<unsigned int>(timer->id) % ID_BUCKETS];
+    pending->next = *bucket;
+    *bucket = pending;
+}
+
+/* Takes the timer out of the list and of by_id; the caller is then its only owner. */
+static frwk_timer_t *unlink_timer(pending_t **link)
+{
+    pending_t *pending = *link;
+    *link = pending->next;
+    frwk_list_del(&pending->timer.node);
+    return &pending->timer;
 }
 
 /* The first timer when it is due, unlinked; null when there is nothing to do yet. */
@@ -42,8 +81,7 @@ static frwk_timer_t *take_due_timer()
     if (frwk_time_diff(&first->expire, &now) > 0) {
         return nullptr;
     }
-    frwk_list_del(&first->node);
-    return first;
+    return unlink_timer(find_by_id(first->id));
 }
 
 /* frwk_timer_init() may replace the default callback while the thread looks at it. */
@@ -55,7 +93,8 @@ static void store_default_cb(frwk_timer_cb_t cb)
 static void fire(frwk_timer_t *timer)
 {
     pthread_cleanup_push(free, timer);
-    frwk_timer_cb_t cb = timer->cb != nullptr ? timer->cb : __atomic_load_n(&g_s_timer_ctrl.default_cb, __ATOMIC_ACQUIRE);
+    frwk_timer_cb_t cb =
+        timer->cb != nullptr ? timer->cb : __atomic_load_n(&g_s_timer_ctrl.default_cb, __ATOMIC_ACQUIRE);
     if (cb != nullptr) {
         cb(timer->timer_num, timer->data);
     }
@@ -103,11 +142,28 @@ static int32_t take_id()
     return id;
 }
 
-/* Links the timer before the first one that is due at least a millisecond later. */
+static bool due_later(const frwk_uptime_t *a, const frwk_uptime_t *b)
+{
+    return a->sec != b->sec ? a->sec > b->sec : a->usec > b->usec;
+}
+
+/*
+ * Links the timer before the first one that frwk_time_diff() calls due later, that is in a later second or at least a
+ * millisecond later in the same one.
+ *
+ * Most timers belong near the tail, so the search begins there. It first goes back to a record that is due no later
+ * than the new one: by this very order nothing before that record is due a millisecond after it, so the place lies
+ * behind it.
+ */
 static void insert_sorted(frwk_timer_t *timer)
 {
-    frwk_list_t *pos = g_s_timer_ctrl.list.next;
-    while (pos != &g_s_timer_ctrl.list && frwk_time_diff(&timer_of(pos)->expire, &timer->expire) <= 0) {
+    frwk_list_t *head = &g_s_timer_ctrl.list;
+    frwk_list_t *pos = head->prev;
+    while (pos != head && due_later(&timer_of(pos)->expire, &timer->expire)) {
+        pos = pos->prev;
+    }
+    pos = pos->next;
+    while (pos != head && frwk_time_diff(&timer_of(pos)->expire, &timer->expire) <= 0) {
         pos = pos->next;
     }
     frwk_list_add(pos, &timer->node);
@@ -123,7 +179,7 @@ int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay
         FRWK_ERR("timer(%dms) < delay(%dms)", delay, TIMER_PERIOD_MS);
         return 0;
     }
-    frwk_timer_t *timer = static_cast<frwk_timer_t *>(calloc(1, sizeof *timer));
+    frwk_timer_t *timer = static_cast<frwk_timer_t *>(calloc(1, sizeof(pending_t)));
     if (timer == nullptr) {
         FRWK_ERR("alloc new timer[%d] failed!", timer_num);
         return 0;
@@ -136,6 +192,7 @@ int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay
     mutex_guard lock(&g_s_timer_ctrl.mutex);
     int32_t id = take_id();
     timer->id = id;
+    link_by_id(timer);
     insert_sorted(timer);
     return id;
 }
@@ -152,13 +209,8 @@ static frwk_timer_t *take_timer(int id)
         return nullptr;
     }
     mutex_guard lock(&g_s_timer_ctrl.mutex);
-    frwk_list_for_each(node, &g_s_timer_ctrl.list) {
-        if (timer_of(node)->id == id) {
-            frwk_list_del(node);
-            return timer_of(node);
-        }
-    }
-    return nullptr;
+    pending_t **link = find_by_id(id);
+    return *link != nullptr ? unlink_timer(link) : nullptr;
 }
 
 void *frwk_timer_stop(int id)

@@ -9,6 +9,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <strings.h>
 #include <syslog.h>
 #include <time.h>
@@ -43,41 +44,117 @@ static int level_priority(int level)
     return index < sizeof priorities / sizeof priorities[0] ? priorities[index] : LOG_INFO;
 }
 
-/* Where a line comes from and what it says. */
-struct trace_t {
-    const char *file;
-    const char *func;
-    int line;
-    int level;
-    const char *fmt;
+/* --- the line ---------------------------------------------------------------------------------------------------- */
+
+/* A line in the making. What does not fit is cut; the last byte is kept for a terminator. */
+struct line_t {
+    char text[LINE_SIZE];
+    size_t len;
 };
 
-static void trace_syslog(const trace_t &trace, va_list args)
+static void append(line_t *line, const char *text, size_t len)
 {
-    char text[LINE_SIZE];
-    int len = sprintf_s(text, sizeof text, "%s|%s|%s|%d::", level_name(trace.level), frwk_get_filename(trace.file),
-                        trace.func, trace.line);
-    vsprintf_s(text + len, sizeof text - static_cast<size_t>(len), trace.fmt, args);
-    syslog(level_priority(trace.level), "%s", text);
+    size_t room = sizeof line->text - 1 - line->len;
+    size_t fit = len < room ? len : room;
+    memcpy_s(line->text + line->len, room, text, fit);
+    line->len += fit;
 }
 
-static void trace_console(const trace_t &trace, va_list args)
+static void append_text(line_t *line, const char *text)
 {
-    time_t now = time(nullptr);
+    append(line, text, strlen(text));
+}
+
+static void append_number(line_t *line, int number)
+{
+    char digits[12];
+    append(line, digits, static_cast<size_t>(sprintf_s(digits, sizeof digits, "%d", number)));
+}
+
+/* "level|file|function|line::" */
+static void append_origin(line_t *line, int level, const char *file, const char *func, int number)
+{
+    append_text(line, level_name(level));
+    append(line, "|", 1);
+    append_text(line, frwk_get_filename(file));
+    append(line, "|", 1);
+    append_text(line, func);
+    append(line, "|", 1);
+    append_number(line, number);
+    append(line, "::", 2);
+}
+
+static void append_message(line_t *line, const char *fmt, va_list args)
+{
+    size_t room = sizeof line->text - line->len;
+    line->len += static_cast<size_t>(vsprintf_s(line->text + line->len, room, fmt, args));
+    line->text[line->len] = '\0'; /* where the format could not be converted */
+}
+
+/* --- the date ---------------------------------------------------------------------------------------------------- */
+
+/* What localtime_r() converts by. It changes when the program sets another zone. */
+struct zone_t {
+    long offset;
+    int daylight;
+    const char *names[2];
+};
+
+/* The date last rendered by a thread, good for the second and the zone that it was rendered for. */
+struct date_t {
+    time_t second;
+    zone_t zone;
+    size_t len;
+    char text[64];
+};
+
+static thread_local date_t last_date;
+
+static bool same_zone(const zone_t &a, const zone_t &b)
+{
+    return a.offset == b.offset && a.daylight == b.daylight && a.names[0] == b.names[0] && a.names[1] == b.names[1];
+}
+
+static zone_t current_zone()
+{
+    return {timezone, daylight, {tzname[0], tzname[1]}};
+}
+
+static void render_date(date_t *date, time_t now)
+{
     struct tm tm = {};
     localtime_r(&now, &tm);
+    int len = sprintf_s(date->text, sizeof date->text, "%04d-%02d-%02d %02d:%02d:%02d|", tm.tm_year + 1900,
+                        tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    date->len = static_cast<size_t>(len);
+    date->second = now;
+    date->zone = current_zone();
+}
 
-    char text[LINE_SIZE];
-    int len = sprintf_s(text, sizeof text, "[%s]%04d-%02d-%02d %02d:%02d:%02d|%s|%s|%s|%d::",
-                        frwk_module_label(frwk_module_own_id()), tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-                        tm.tm_hour, tm.tm_min, tm.tm_sec, level_name(trace.level), frwk_get_filename(trace.file),
-                        trace.func, trace.line);
-    len += vsprintf_s(text + len, sizeof text - static_cast<size_t>(len), trace.fmt, args);
+/* "YYYY-MM-DD HH:MM:SS|" */
+static void append_date(line_t *line)
+{
+    time_t now = time(nullptr);
+    if (last_date.len == 0 || last_date.second != now || !same_zone(last_date.zone, current_zone())) {
+        render_date(&last_date, now);
+    }
+    append(line, last_date.text, last_date.len);
+}
+
+/* --- the sinks --------------------------------------------------------------------------------------------------- */
+
+static void trace_syslog(int level, line_t *line)
+{
+    syslog(level_priority(level), "%s", line->text);
+}
+
+static void trace_console(line_t *line)
+{
     /* A cut line gives up its last character, so that every line ends in a newline. */
-    int end = len < LINE_SIZE - 2 ? len : LINE_SIZE - 2;
-    text[end] = '\n';
-    text[end + 1] = '\0';
-    fputs(text, stdout);
+    size_t end = line->len < LINE_SIZE - 2 ? line->len : LINE_SIZE - 2;
+    line->text[end] = '\n';
+    line->text[end + 1] = '\0';
+    fputs(line->text, stdout);
 }
 
 void frwk_trace_print(const char *file, const char *func, int line, int level, const char *fmt, ...)
@@ -92,17 +169,31 @@ void frwk_trace_print(const char *file, const char *func, int line, int level, c
     /* Lines are traced from the middle of things: a thread must not end there with a lock or memory in hand. */
     cancel_guard no_cancel;
     int saved_errno = errno;
-    trace_t trace = {file, func, line, level, fmt};
+
+    line_t text;
+    text.len = 0;
+    if (mode == SINK_CONSOLE) {
+        append(&text, "[", 1);
+        append_text(&text, frwk_module_label(frwk_module_own_id()));
+        append(&text, "]", 1);
+        append_date(&text);
+    }
+    append_origin(&text, level, file, func, line);
     va_list args;
     va_start(args, fmt);
-    if (mode == SINK_CONSOLE) {
-        trace_console(trace, args);
-    } else {
-        trace_syslog(trace, args);
-    }
+    errno = saved_errno; /* for %m */
+    append_message(&text, fmt, args);
     va_end(args);
+
+    if (mode == SINK_CONSOLE) {
+        trace_console(&text);
+    } else {
+        trace_syslog(level, &text);
+    }
     errno = saved_errno;
 }
+
+/* --- levels by name ---------------------------------------------------------------------------------------------- */
 
 int frwk_level_match(const char *name)
 {
@@ -110,8 +201,8 @@ int frwk_level_match(const char *name)
         const char *name;
         int level;
     } levels[] = {
-        {"", FRWK_TRACE_NULL},       {"null", FRWK_TRACE_NULL},       {"debug", FRWK_TRACE_DEBUG},
-        {"info", FRWK_TRACE_INFO},   {"warning", FRWK_TRACE_WARNING}, {"error", FRWK_TRACE_ERROR},
+        {"", FRWK_TRACE_NULL},     {"null", FRWK_TRACE_NULL},       {"debug", FRWK_TRACE_DEBUG},
+        {"info", FRWK_TRACE_INFO}, {"warning", FRWK_TRACE_WARNING}, {"error", FRWK_TRACE_ERROR},
     };
     if (name == nullptr) {
         printf("trace level is null!\n");

@@ -13,7 +13,10 @@
 #include <unistd.h>
 
 struct heap_free {
-    void operator()(void *block) const { free(block); }
+    void operator()(void *block) const
+    {
+        free(block);
+    }
 };
 
 /* Owns a block from malloc(). */
@@ -22,7 +25,9 @@ template <class T> using heap_ptr = std::unique_ptr<T, heap_free>;
 /* Owns a file descriptor. */
 class unique_fd {
 public:
-    explicit unique_fd(int fd) : fd_(fd) {}
+    explicit unique_fd(int fd) : fd_(fd)
+    {
+    }
     ~unique_fd()
     {
         if (fd_ >= 0) {
@@ -32,7 +37,10 @@ public:
     unique_fd(const unique_fd &) = delete;
     unique_fd &operator=(const unique_fd &) = delete;
 
-    int get() const { return fd_; }
+    int get() const
+    {
+        return fd_;
+    }
     int release()
     {
         int fd = fd_;
@@ -47,8 +55,14 @@ private:
 /* Holds a mutex. */
 class mutex_guard {
 public:
-    explicit mutex_guard(pthread_mutex_t *mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
-    ~mutex_guard() { pthread_mutex_unlock(mutex_); }
+    explicit mutex_guard(pthread_mutex_t *mutex) : mutex_(mutex)
+    {
+        pthread_mutex_lock(mutex_);
+    }
+    ~mutex_guard()
+    {
+        pthread_mutex_unlock(mutex_);
+    }
     mutex_guard(const mutex_guard &) = delete;
     mutex_guard &operator=(const mutex_guard &) = delete;
 
@@ -59,8 +73,14 @@ private:
 /* Holds off cancellation of the calling thread. */
 class cancel_guard {
 public:
-    cancel_guard() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_); }
-    ~cancel_guard() { pthread_setcancelstate(state_, nullptr); }
+    cancel_guard()
+    {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_);
+    }
+    ~cancel_guard()
+    {
+        pthread_setcancelstate(state_, nullptr);
+    }
     cancel_guard(const cancel_guard &) = delete;
     cancel_guard &operator=(const cancel_guard &) = delete;
 
