@@ -1,0 +1,1556 @@
+/*
+ * XML: the document model, the parser, and the writers with the safe save.
+ *
+ * Nothing here recurses along the nesting of elements, so that neither a file nor a program can exhaust a thread's
+ * stack by depth.
+ */
+#include "frwk_xml.h"
+
+#include <ctype.h>
+#include <errno.h>
+#include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "frwk_bounded.h"
+#include "frwk_guard.h"
+#include "frwk_module.h"
+#include "frwk_trace.h"
+#include "frwk_xml_internal.h"
+
+/* The records of the library's edge, in units of a pointer: where two 32-bit words share one, the widths differ. */
+enum { WORD = sizeof(void *), PAIR = 8 };
+
+static_assert(offsetof(frwk_xml_doc_t, cursor) == WORD && offsetof(frwk_xml_doc_t, root) == 2 * WORD &&
+              offsetof(frwk_xml_doc_t, status) == 3 * WORD && offsetof(frwk_xml_doc_t, error) == 3 * WORD + 4 &&
+              offsetof(frwk_xml_doc_t, node_count) == 3 * WORD + 8 && offsetof(frwk_xml_doc_t, line) == 3 * WORD + 12 &&
+              sizeof(frwk_xml_doc_t) == 3 * WORD + 16);
+static_assert(offsetof(frwk_xml_node_t, len) == WORD && offsetof(frwk_xml_node_t, value) == 2 * WORD &&
+              offsetof(frwk_xml_node_t, type) == 3 * WORD && offsetof(frwk_xml_node_t, depth) == 3 * WORD + 4 &&
+              offsetof(frwk_xml_node_t, list) == 3 * WORD + PAIR &&
+              offsetof(frwk_xml_node_t, attrs) == 5 * WORD + PAIR &&
+              offsetof(frwk_xml_node_t, children) == 7 * WORD + PAIR &&
+              offsetof(frwk_xml_node_t, parent) == 9 * WORD + PAIR && sizeof(frwk_xml_node_t) == 10 * WORD + PAIR);
+static_assert(offsetof(frwk_xml_attr_t, value) == WORD && offsetof(frwk_xml_attr_t, list) == 2 * WORD &&
+              sizeof(frwk_xml_attr_t) == 4 * WORD);
+static_assert(offsetof(frwk_xml_writer_t, fp) == PAIR && sizeof(frwk_xml_writer_t) == PAIR + WORD);
+
+static frwk_xml_node_t *node_of(frwk_list_t *link)
+{
+    return frwk_list_entry(link, frwk_xml_node_t, list);
+}
+
+static frwk_xml_attr_t *attr_of(frwk_list_t *link)
+{
+    return frwk_list_entry(link, frwk_xml_attr_t, list);
+}
+
+/* A copy of n bytes as a string; null when memory is short or the length does not fit the word of a node. */
+static char *copy_text(const char *text, size_t n)
+{
+    char *copy = n < UINT32_MAX ? static_cast<char *>(malloc(n + 1)) : nullptr;
+    if (copy != nullptr) {
+        memcpy_s(copy, n + 1, text, n);
+        copy[n] = '\0';
+    }
+    return copy;
+}
+
+/* A new string in place of an owned one. */
+static void replace_text(char **owned, char *text)
+{
+    free(*owned);
+    *owned = text;
+}
+
+/* ==================================================== The model ==================================================== */
+
+enum xml_error : uint32_t {
+    ERROR_NONE,
+    ERROR_IO,
+    ERROR_MEMORY,
+    ERROR_DECLARATION_PLACE,
+    ERROR_COMMENT_END,
+    ERROR_OUTSIDE_TAGS,
+    ERROR_TAG_NAME,
+    ERROR_ATTR_NAME,
+    ERROR_ATTR,
+    ERROR_CHARACTER,
+    ERROR_TAG_LONG,
+    ERROR_ATTR_NAME_LONG,
+    ERROR_ATTR_VALUE_LONG,
+    ERROR_TAG_MISMATCH,
+    ERROR_ENTITY_OPEN,
+    ERROR_ENTITY,
+    ERROR_COUNT
+};
+
+static const char *const error_texts[ERROR_COUNT] = {
+    "No error",
+    "Input/output error",
+    "Not enough memory",
+    "XML declaration allowed only at the start of the document",
+    "Comment not terminated",
+    "Character outside tags",
+    "Invalid character as tag name",
+    "Invalid character as attribute name",
+    "Malformed attribute definition",
+    "Invalid character",
+    "Name of tag too long",
+    "Name of attribute too long",
+    "Value of attribute too long",
+    "Opening and ending tag mismatch",
+    "Unbalanced entity opening",
+    "Escape/entity '&;' found",
+};
+
+const char *frwk_xml_strerror(uint32_t code)
+{
+    return code < ERROR_COUNT ? error_texts[code] : "Unkown error";
+}
+
+frwk_xml_attr_t *frwk_xml_alloc_attr(void)
+{
+    frwk_xml_attr_t *attr = static_cast<frwk_xml_attr_t *>(malloc(sizeof(frwk_xml_attr_t)));
+    if (attr == nullptr) {
+        FRWK_ERR("alloc for xml node atrribute failed!");
+        return nullptr;
+    }
+    *attr = {};
+    return attr;
+}
+
+frwk_xml_node_t *frwk_xml_alloc_node(void)
+{
+    frwk_xml_node_t *node = static_cast<frwk_xml_node_t *>(malloc(sizeof(frwk_xml_node_t)));
+    if (node == nullptr) {
+        FRWK_ERR("alloc for xml node failed!");
+        return nullptr;
+    }
+    *node = {};
+    frwk_list_init(&node->attrs);
+    frwk_list_init(&node->children);
+    return node;
+}
+
+frwk_xml_doc_t *frwk_xml_alloc_doc(void)
+{
+    heap_ptr<frwk_xml_doc_t> doc(static_cast<frwk_xml_doc_t *>(malloc(sizeof(frwk_xml_doc_t))));
+    if (doc == nullptr) {
+        FRWK_ERR("alloc for xml doc failed!");
+        return nullptr;
+    }
+    *doc = {};
+    doc->line = 1;
+    doc->root = frwk_xml_alloc_node();
+    if (doc->root == nullptr) {
+        FRWK_ERR("alloc for xml root node failed!");
+        return nullptr;
+    }
+    doc->root->type = FRWK_XML_NODE_DOCUMENT;
+    return doc.release();
+}
+
+void frwk_xml_free_attr(frwk_xml_attr_t *attr)
+{
+    if (attr != nullptr) {
+        free(attr->name);
+        free(attr->value);
+        free(attr);
+    }
+}
+
+/* Moves all members of a list to the front of another. */
+static void splice_list(frwk_list_t *to, frwk_list_t *from)
+{
+    if (from->next == from) {
+        return;
+    }
+    from->next->prev = to;
+    from->prev->next = to->next;
+    to->next->prev = from->prev;
+    to->next = from->next;
+    frwk_list_init(from);
+}
+
+/*
+ * Frees depth first with a list of what is left in place of a call per level. Does not look at `parent`, which a module
+ * may have left unset in nodes that it linked itself.
+ */
+void frwk_xml_free_node(frwk_xml_node_t *node)
+{
+    if (node == nullptr) {
+        return;
+    }
+    frwk_list_t pending;
+    frwk_list_init(&pending);
+    for (;;) {
+        free(node->name);
+        free(node->value);
+        frwk_list_for_each_safe(link, &node->attrs) {
+            frwk_list_del(link);
+            frwk_xml_free_attr(attr_of(link));
+        }
+        splice_list(&pending, &node->children);
+        free(node);
+        if (frwk_list_empty(&pending)) {
+            return;
+        }
+        node = node_of(pending.next);
+        frwk_list_del(&node->list);
+    }
+}
+
+void frwk_xml_free_doc(frwk_xml_doc_t *doc)
+{
+    if (doc != nullptr) {
+        free(doc->file_name);
+        frwk_xml_free_node(doc->root);
+        free(doc);
+    }
+}
+
+frwk_xml_node_t *frwk_xml_get_doc_root(frwk_xml_doc_t *doc)
+{
+    if (doc == nullptr) {
+        FRWK_ERR("xml doc is null!");
+        return nullptr;
+    }
+    if (doc->root == nullptr) {
+        FRWK_ERR("xml doc root node is null!");
+        return nullptr;
+    }
+    frwk_list_for_each(link, &doc->root->children) {
+        if (node_of(link)->type == FRWK_XML_NODE_ELEMENT) {
+            return node_of(link);
+        }
+    }
+    FRWK_ERR("can't found root node from xml doc!");
+    return nullptr;
+}
+
+frwk_xml_node_t *frwk_xml_get_child_node(frwk_xml_node_t *parent, const char *name)
+{
+    if (parent == nullptr) {
+        FRWK_ERR("parent node is null!");
+        return nullptr;
+    }
+    if (name == nullptr) {
+        FRWK_ERR("child node name is null!");
+        return nullptr;
+    }
+    frwk_list_for_each(link, &parent->children) {
+        frwk_xml_node_t *child = node_of(link);
+        if (child->type == FRWK_XML_NODE_ELEMENT && child->name != nullptr && strcmp(child->name, name) == 0) {
+            return child;
+        }
+    }
+    return nullptr;
+}
+
+const char *frwk_xml_get_attr_value(frwk_xml_node_t *node, const char *name)
+{
+    if (node == nullptr || name == nullptr) {
+        return "";
+    }
+    frwk_list_for_each(link, &node->attrs) {
+        const frwk_xml_attr_t *attr = attr_of(link);
+        if (attr->name != nullptr && strcmp(attr->name, name) == 0) {
+            return attr->value != nullptr ? attr->value : "";
+        }
+    }
+    return "";
+}
+
+char *frwk_xml_get_node_value(frwk_xml_node_t *node)
+{
+    if (node == nullptr) {
+        return nullptr;
+    }
+    char *value = node->value;
+    node->value = nullptr;
+    node->len = 0;
+    return value;
+}
+
+/* Gives the node a copy of the n bytes, which may be its own; false, the node unchanged, when memory is short. */
+static bool copy_value(frwk_xml_node_t *node, const char *text, size_t n)
+{
+    char *copy = copy_text(text, n);
+    if (copy == nullptr) {
+        return false;
+    }
+    replace_text(&node->value, copy);
+    node->len = static_cast<uint32_t>(n);
+    return true;
+}
+
+static size_t length_of(const char *text)
+{
+    return text != nullptr ? strlen(text) : 0;
+}
+
+int frwk_xml_set_node_value(frwk_xml_node_t *node, const char *value)
+{
+    if (node == nullptr) {
+        FRWK_ERR("xml node is null!");
+        return FRWK_ERROR_INVALID_PARAM;
+    }
+    if (!copy_value(node, value, length_of(value))) {
+        FRWK_ERR("alloc for xml node value failed!");
+        return FRWK_ERROR_NO_MEMORY;
+    }
+    return FRWK_ERROR_SUCCESS;
+}
+
+int frwk_xml_node_append(frwk_xml_node_t *parent, const char *name, const char *value)
+{
+    frwk_xml_node_t *node = frwk_xml_alloc_node();
+    if (node != nullptr) {
+        node->name = frwk_strdup(name);
+    }
+    if (node == nullptr || node->name == nullptr || !copy_value(node, value, length_of(value))) {
+        FRWK_ERR("append node failed!");
+        frwk_xml_free_node(node);
+        return FRWK_ERROR_NO_MEMORY;
+    }
+    node->depth = parent->depth + 1;
+    node->parent = parent;
+    frwk_list_add(&parent->children, &node->list);
+    return FRWK_ERROR_SUCCESS;
+}
+
+int frwk_xml_set_node_append(frwk_xml_node_t *parent, const char *name, const char *value)
+{
+    if (parent == nullptr || name == nullptr) {
+        FRWK_ERR("Parameter is null!");
+        return FRWK_ERROR_INVALID_PARAM;
+    }
+    frwk_xml_node_t *node = frwk_xml_get_child_node(parent, name);
+    return node != nullptr ? frwk_xml_set_node_value(node, value) : frwk_xml_node_append(parent, name, value);
+}
+
+/* ==================================================== The parser ===================================================
+ *
+ * The state of a parse is the document: `cursor`, `line`, `status`, `error`, `node_count`. Runs of text are found with
+ * the C library's searches and copied whole. On an error the cursor stays at the character that raised it, and `line`
+ * counts the line feeds before it.
+ */
+
+enum parse_status : int32_t { STATUS_OK = 0, STATUS_TEXT_AGAIN = 1, STATUS_SYNTAX = 4, STATUS_NO_MEMORY = -1 };
+
+enum { TAG_NAME_MAX = 127, ATTR_NAME_MAX = 128, ATTR_VALUE_MAX = 512 };
+
+/* No bit that the parser knows: references are decoded. */
+enum { FLAGS_DECODE = 1 };
+
+static void fail(frwk_xml_doc_t *doc, xml_error error)
+{
+    doc->status = STATUS_SYNTAX;
+    doc->error = error;
+}
+
+static void fail_memory(frwk_xml_doc_t *doc)
+{
+    doc->status = STATUS_NO_MEMORY;
+    doc->error = ERROR_MEMORY;
+}
+
+static bool is_blank(char c)
+{
+    return c == ' ' || c == '\n' || c == '\t' || c == '\r';
+}
+
+/* Bytes below 128 are classed alike in every locale; only the others are worth a call. */
+static bool is_letter(char c)
+{
+    unsigned char byte = static_cast<unsigned char>(c);
+    return static_cast<unsigned char>((byte | 0x20) - 'a') < 26 || (byte >= 0x80 && isalpha(byte) != 0);
+}
+
+static bool is_name_char(char c)
+{
+    unsigned char byte = static_cast<unsigned char>(c);
+    return static_cast<unsigned char>((byte | 0x20) - 'a') < 26 || static_cast<unsigned char>(byte - '0') < 10 ||
+           c == '_' || c == '-' || c == ':' || (byte >= 0x80 && isalnum(byte) != 0);
+}
+
+/* Moves the cursor to `end`, which lies behind it, and counts the lines that it passes. */
+static void pass_to(frwk_xml_doc_t *doc, char *end)
+{
+    char *from = doc->cursor;
+    while ((from = static_cast<char *>(memchr(from, '\n', static_cast<size_t>(end - from)))) != nullptr) {
+        doc->line++;
+        from++;
+    }
+    doc->cursor = end;
+}
+
+static void pass_blanks(frwk_xml_doc_t *doc)
+{
+    char *text = doc->cursor;
+    uint32_t lines = 0;
+    for (; is_blank(*text); text++) {
+        lines += *text == '\n' ? 1 : 0;
+    }
+    doc->cursor = text;
+    doc->line += lines;
+}
+
+/* The text from the cursor to `end` becomes the node's value; the cursor moves to `next`, behind the end mark. */
+static void take_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end, char *next)
+{
+    char *text = doc->cursor;
+    pass_to(doc, next);
+    if (!copy_value(node, text, static_cast<size_t>(end - text))) {
+        fail_memory(doc);
+    }
+}
+
+/* ------------------------------------------------- Entity references ------------------------------------------------ */
+
+/* Only the first n characters of a reference's name are compared, and with as many of the entity's. */
+static char entity_char(const char *name, size_t n)
+{
+    static const struct {
+        char name[5];
+        char c;
+    } entities[] = {{"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''}};
+
+    for (const auto &entity : entities) {
+        if (strncmp(name, entity.name, n) == 0) {
+            return entity.c;
+        }
+    }
+    return '\0';
+}
+
+/*
+ * Closes the reference whose "&" was stored at `amp`, whose name follows it up to `out`, and whose ";" stands in the
+ * text. A known one is replaced by its character, which the ";" in the text becomes too. The last character of the name
+ * is not compared. Returns the new end of the output, null for a name that is too short.
+ */
+static char *close_reference(char *amp, char *out, char *semicolon)
+{
+    size_t n = static_cast<size_t>(out - amp) - 1;
+    if (n < 2) {
+        return nullptr;
+    }
+    char c = entity_char(amp + 1, n - 1);
+    if (c == '\0') {
+        *out = ';';
+        return out + 1;
+    }
+    *amp = c;
+    *semicolon = c;
+    return amp + 1;
+}
+
+/* ------------------------------------------------------- Names ------------------------------------------------------ */
+
+int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
+{
+    char *name = doc->cursor;
+    if (!is_letter(*name)) {
+        fail(doc, ERROR_TAG_NAME);
+        return STATUS_SYNTAX;
+    }
+    size_t n = 1;
+    while (n <= TAG_NAME_MAX && is_name_char(name[n])) {
+        n++;
+    }
+    doc->cursor = name + n;
+    if (n > TAG_NAME_MAX || name[n] == '\0') {
+        fail(doc, ERROR_TAG_LONG);
+        return STATUS_SYNTAX;
+    }
+    if (!is_blank(name[n]) && name[n] != '/' && name[n] != '>' && name[n] != '?') {
+        fail(doc, ERROR_TAG_NAME);
+        return STATUS_SYNTAX;
+    }
+    char *copy = copy_text(name, n);
+    if (copy == nullptr) {
+        fail_memory(doc);
+        return STATUS_SYNTAX;
+    }
+    replace_text(&node->name, copy);
+    return STATUS_OK;
+}
+
+/* ---------------------------------------------------- Attributes ---------------------------------------------------- */
+
+/* An attribute while it is read. */
+struct attr_text {
+    const char *name; /* in the text */
+    size_t name_len;
+    char value[ATTR_VALUE_MAX + 1]; /* one more than may be held, so that too many are seen */
+    char *end;                      /* of what is held */
+    char *amp;                      /* where the open reference's "&" is held */
+    char quote;
+};
+
+enum attr_state { BEFORE_NAME, NAME, AFTER_NAME, AFTER_EQUALS, VALUE, REFERENCE, COMPLETE, NO_ATTR };
+
+static attr_state fail_attr(frwk_xml_doc_t *doc, xml_error error)
+{
+    fail(doc, error);
+    return NO_ATTR;
+}
+
+/* One blank; stays in, or goes to, the given state. */
+static attr_state pass_blank(frwk_xml_doc_t *doc, attr_state next)
+{
+    doc->line += *doc->cursor == '\n' ? 1 : 0;
+    doc->cursor++;
+    return next;
+}
+
+static attr_state step_over(frwk_xml_doc_t *doc, attr_state next)
+{
+    doc->cursor++;
+    return next;
+}
+
+static attr_state hold(frwk_xml_doc_t *doc, attr_text *attr, attr_state next)
+{
+    *attr->end++ = *doc->cursor;
+    return pass_blank(doc, next);
+}
+
+static attr_state end_attr_reference(frwk_xml_doc_t *doc, attr_text *attr)
+{
+    char *end = close_reference(attr->amp, attr->end, doc->cursor);
+    if (end == nullptr) {
+        return fail_attr(doc, ERROR_ENTITY);
+    }
+    attr->end = end;
+    return step_over(doc, VALUE);
+}
+
+/* Reads the character at the cursor, which is not the text's end; returns the state that follows. */
+static attr_state read_attr_char(frwk_xml_doc_t *doc, attr_text *attr, attr_state state, uint32_t flags)
+{
+    char c = *doc->cursor;
+    switch (state) {
+    case BEFORE_NAME:
+        if (is_blank(c)) {
+            return pass_blank(doc, BEFORE_NAME);
+        }
+        if (c == '/' || c == '>') {
+            return NO_ATTR;
+        }
+        if (is_letter(c)) {
+            attr->name = doc->cursor;
+            attr->name_len = 1;
+            return step_over(doc, NAME);
+        }
+        return fail_attr(doc, ERROR_ATTR_NAME);
+    case NAME:
+        if (is_name_char(c)) {
+            attr->name_len++;
+            return step_over(doc, NAME);
+        }
+        [[fallthrough]]; /* what may follow a name may follow it at once */
+    case AFTER_NAME:
+        if (is_blank(c)) {
+            return pass_blank(doc, AFTER_NAME);
+        }
+        if (c == '=') {
+            return step_over(doc, AFTER_EQUALS);
+        }
+        return fail_attr(doc, ERROR_ATTR);
+    case AFTER_EQUALS:
+        if (is_blank(c)) {
+            return pass_blank(doc, AFTER_EQUALS);
+        }
+        if (c == '"' || c == '\'') {
+            attr->quote = c;
+            return step_over(doc, VALUE);
+        }
+        return fail_attr(doc, ERROR_ATTR);
+    case VALUE:
+        if (c == attr->quote) {
+            return step_over(doc, COMPLETE);
+        }
+        if (c == '&' && (flags & FRWK_XML_RAW) == 0) {
+            attr->amp = attr->end;
+            return hold(doc, attr, REFERENCE);
+        }
+        return hold(doc, attr, VALUE);
+    case REFERENCE:
+        if (c == attr->quote) {
+            return step_over(doc, COMPLETE);
+        }
+        if (c == ';') {
+            return end_attr_reference(doc, attr);
+        }
+        if (is_letter(c)) {
+            return hold(doc, attr, REFERENCE);
+        }
+        return fail_attr(doc, ERROR_ENTITY);
+    default:
+        return state;
+    }
+}
+
+/* The attribute that was read, as a record; null when memory is short. */
+static frwk_xml_attr_t *make_attr(frwk_xml_doc_t *doc, const attr_text *text)
+{
+    frwk_xml_attr_t *attr = frwk_xml_alloc_attr();
+    if (attr != nullptr) {
+        attr->name = copy_text(text->name, text->name_len);
+        attr->value = copy_text(text->value, static_cast<size_t>(text->end - text->value));
+    }
+    if (attr == nullptr || attr->name == nullptr || attr->value == nullptr) {
+        frwk_xml_free_attr(attr);
+        fail_memory(doc);
+        return nullptr;
+    }
+    return attr;
+}
+
+frwk_xml_attr_t *frwk_xml_read_attr(frwk_xml_doc_t *doc, uint32_t flags)
+{
+    attr_text attr;
+    attr.name_len = 0;
+    attr.end = attr.value;
+
+    attr_state state = BEFORE_NAME;
+    while (state < COMPLETE) {
+        if (attr.name_len > ATTR_NAME_MAX) {
+            state = fail_attr(doc, ERROR_ATTR_NAME_LONG);
+        } else if (attr.end - attr.value > ATTR_VALUE_MAX) {
+            state = fail_attr(doc, ERROR_ATTR_VALUE_LONG);
+        } else if (*doc->cursor == '\0') {
+            state = fail_attr(doc, ERROR_ATTR);
+        } else {
+            state = read_attr_char(doc, &attr, state, flags);
+        }
+    }
+    return state == COMPLETE ? make_attr(doc, &attr) : nullptr;
+}
+
+int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
+{
+    while (frwk_xml_attr_t *attr = frwk_xml_read_attr(doc, flags)) {
+        frwk_list_add(&node->attrs, &attr->list);
+    }
+    return doc->status;
+}
+
+/* ------------------------------------------------------- Text ------------------------------------------------------- */
+
+/* Fails at a character of the run that begins at the cursor. */
+static void fail_at(frwk_xml_doc_t *doc, char *where, xml_error error)
+{
+    pass_to(doc, where);
+    fail(doc, error);
+}
+
+/*
+ * Decodes the text from the cursor to `end` into `out`, which has room for it undecoded; returns the end of what was
+ * stored, null on an error. A reference is open from its "&" up to a ";"; one that is still open at the end stays.
+ */
+static char *decode_text(frwk_xml_doc_t *doc, char *end, char *out)
+{
+    char *amp = nullptr; /* where the open reference's "&" is stored */
+    for (char *text = doc->cursor; text < end; text++) {
+        /* the next character that matters: none in an open reference but "&" and ";", outside only "&" */
+        size_t left = static_cast<size_t>(end - text);
+        size_t n = left;
+        char *semicolon = amp != nullptr ? static_cast<char *>(memchr(text, ';', left)) : nullptr;
+        if (semicolon != nullptr) {
+            n = static_cast<size_t>(semicolon - text);
+        }
+        if (char *next = static_cast<char *>(memchr(text, '&', n))) {
+            n = static_cast<size_t>(next - text);
+        }
+        memcpy(out, text, n);
+        out += n;
+        text += n;
+        if (text == end) {
+            break;
+        }
+
+        if (*text == ';') {
+            out = close_reference(amp, out, text);
+            amp = nullptr;
+        } else if (amp == nullptr) {
+            amp = out;
+            *out++ = '&';
+        } else {
+            out = nullptr;
+        }
+        if (out == nullptr) {
+            fail_at(doc, text, ERROR_ENTITY);
+            return nullptr;
+        }
+    }
+    return out;
+}
+
+static void read_decoded(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end)
+{
+    size_t n = static_cast<size_t>(end - doc->cursor);
+    heap_ptr<char> value(n < UINT32_MAX ? static_cast<char *>(malloc(n + 1)) : nullptr);
+    if (value == nullptr) {
+        fail_memory(doc);
+        return;
+    }
+    char *value_end = decode_text(doc, end, value.get());
+    if (value_end == nullptr) {
+        return;
+    }
+    pass_to(doc, end);
+    if (*end == '\0') {
+        fail(doc, ERROR_ENTITY_OPEN);
+    } else if (!copy_value(node, value.get(), static_cast<size_t>(value_end - value.get()))) {
+        fail_memory(doc);
+    }
+}
+
+void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
+{
+    if (node->value != nullptr) {
+        doc->status = STATUS_TEXT_AGAIN;
+        doc->error = ERROR_ATTR;
+        return;
+    }
+    char *end = strchrnul(doc->cursor, '<');
+    bool decode = (flags & FRWK_XML_RAW) == 0;
+    if (decode && memchr(doc->cursor, '&', static_cast<size_t>(end - doc->cursor)) != nullptr) {
+        read_decoded(doc, node, end);
+    } else if (*end == '\0') {
+        fail_at(doc, end, ERROR_ENTITY_OPEN);
+    } else {
+        take_value(doc, node, end, end);
+    }
+}
+
+/* ---------------------------------- Comments, declarations, directives, closing tags -------------------------------- */
+
+/* The text from the cursor up to the first `mark` becomes the node's value. */
+static void read_until(frwk_xml_doc_t *doc, frwk_xml_node_t *node, const char *mark, xml_error if_missing)
+{
+    char *end = strstr(doc->cursor, mark);
+    if (end == nullptr) {
+        fail_at(doc, doc->cursor + strlen(doc->cursor), if_missing);
+        return;
+    }
+    take_value(doc, node, end, end + strlen(mark));
+}
+
+void frwk_xml_read_comment(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
+{
+    node->type = FRWK_XML_NODE_COMMENT;
+    read_until(doc, node, "-->", ERROR_COMMENT_END);
+}
+
+void frwk_xml_read_header(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
+{
+    if (doc->line != 1) {
+        fail(doc, ERROR_DECLARATION_PLACE);
+        return;
+    }
+    node->type = FRWK_XML_NODE_DECLARATION;
+    if (frwk_xml_read_name(doc, node) == STATUS_OK) {
+        doc->cursor = frwk_skip_space(doc->cursor);
+        read_until(doc, node, "?>", ERROR_TAG_MISMATCH);
+    }
+}
+
+void frwk_xml_read_dir(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
+{
+    node->type = FRWK_XML_NODE_DIRECTIVE;
+    if (frwk_xml_read_name(doc, node) == STATUS_OK) {
+        pass_blanks(doc);
+        read_until(doc, node, ">", ERROR_TAG_NAME);
+    }
+}
+
+void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
+{
+    char *text = doc->cursor;
+    size_t n = 0;
+    while (n <= TAG_NAME_MAX && text[n] != '>' && text[n] != '\0') {
+        n++;
+    }
+    pass_to(doc, text + n);
+    if (n > TAG_NAME_MAX) {
+        fail(doc, ERROR_TAG_LONG);
+        return;
+    }
+    if (text[n] == '\0') {
+        fail(doc, ERROR_TAG_MISMATCH);
+        return;
+    }
+    doc->cursor++;
+    if (node->name == nullptr || strncmp(node->name, text, n) != 0 || node->name[n] != '\0') {
+        fail(doc, ERROR_TAG_MISMATCH);
+    }
+}
+
+/* ----------------------------------------------- Elements and content ---------------------------------------------- */
+
+/* Reads a start tag behind its "<"; returns whether content follows: no error, and not an empty-element tag. */
+static bool read_start_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
+{
+    node->type = FRWK_XML_NODE_ELEMENT;
+    if (frwk_xml_read_name(doc, node) != STATUS_OK || frwk_xml_read_attrs(doc, node, flags) != STATUS_OK) {
+        return false;
+    }
+    bool empty = false;
+    for (;;) {
+        pass_blanks(doc);
+        switch (*doc->cursor) {
+        case '/':
+            doc->cursor++;
+            empty = true;
+            break;
+        case '>':
+            doc->cursor++;
+            return !empty;
+        case '\0':
+            fail(doc, ERROR_ENTITY_OPEN);
+            return false;
+        default:
+            fail(doc, ERROR_ATTR);
+            return false;
+        }
+    }
+}
+
+/*
+ * A child in the making hangs on its parent only by `parent`; it is attached when it is complete.
+ */
+static frwk_xml_node_t *begin_child(frwk_xml_doc_t *doc, frwk_xml_node_t *parent)
+{
+    frwk_xml_node_t *child = frwk_xml_alloc_node();
+    if (child == nullptr) {
+        fail_memory(doc);
+        return nullptr;
+    }
+    child->depth = parent->depth + 1;
+    child->parent = parent;
+    return child;
+}
+
+static void ensure_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
+{
+    if (node->type == FRWK_XML_NODE_ELEMENT && node->value == nullptr && !copy_value(node, "", 0)) {
+        fail_memory(doc);
+    }
+}
+
+/* Attaches a child, or frees it after an error; returns its parent. */
+static frwk_xml_node_t *end_child(frwk_xml_doc_t *doc, frwk_xml_node_t *child)
+{
+    frwk_xml_node_t *parent = child->parent;
+    if (doc->status == STATUS_OK) {
+        ensure_value(doc, child);
+    }
+    if (doc->status != STATUS_OK) {
+        frwk_xml_free_node(child);
+        return parent;
+    }
+    frwk_list_add(&parent->children, &child->list);
+    doc->node_count++;
+    return parent;
+}
+
+/* A child without content of its own, read by the given step. */
+static void read_leaf(frwk_xml_doc_t *doc, frwk_xml_node_t *parent, void (*read)(frwk_xml_doc_t *, frwk_xml_node_t *))
+{
+    frwk_xml_node_t *child = begin_child(doc, parent);
+    if (child != nullptr) {
+        read(doc, child);
+        end_child(doc, child);
+    }
+}
+
+/* Reads the start tag of a child; returns the element whose content comes next: the child, or the parent. */
+static frwk_xml_node_t *read_child(frwk_xml_doc_t *doc, frwk_xml_node_t *parent, uint32_t flags)
+{
+    frwk_xml_node_t *child = begin_child(doc, parent);
+    if (child == nullptr) {
+        return parent;
+    }
+    return read_start_tag(doc, child, flags) ? child : end_child(doc, child);
+}
+
+enum content_state { CONTENT, AFTER_LT, AFTER_BANG, AFTER_BANG_DASH };
+
+/*
+ * Reads the content of `top` up to its closing tag, an error, or the end of the text, which closes what is open.
+ * Returns whether every element met in it was closed by the text itself. `open` is the element being read: nesting
+ * moves it down and up again.
+ */
+static bool read_content(frwk_xml_doc_t *doc, frwk_xml_node_t *top, uint32_t flags)
+{
+    frwk_xml_node_t *open = top;
+    content_state state = CONTENT;
+    while (doc->status == STATUS_OK && *doc->cursor != '\0') {
+        char c = *doc->cursor;
+        switch (state) {
+        case CONTENT:
+            if (is_blank(c)) {
+                pass_blanks(doc);
+            } else if (c == '<') {
+                doc->cursor++;
+                state = AFTER_LT;
+            } else {
+                frwk_xml_read_data(doc, open, flags);
+            }
+            break;
+        case AFTER_LT:
+            if (is_blank(c)) {
+                pass_blanks(doc);
+            } else if (c == '!') {
+                doc->cursor++;
+                state = AFTER_BANG;
+            } else if (c == '/') {
+                doc->cursor++;
+                state = CONTENT;
+                ensure_value(doc, open);
+                if (doc->status == STATUS_OK) {
+                    frwk_xml_read_closing(doc, open);
+                }
+                if (open == top) {
+                    return true;
+                }
+                open = end_child(doc, open);
+            } else if (c == '?') {
+                doc->cursor++;
+                state = CONTENT;
+                read_leaf(doc, open, frwk_xml_read_header);
+            } else if (is_letter(c)) {
+                state = CONTENT;
+                open = read_child(doc, open, flags);
+            } else {
+                fail(doc, ERROR_TAG_NAME);
+            }
+            break;
+        case AFTER_BANG:
+            if (c == '-') {
+                doc->cursor++;
+                state = AFTER_BANG_DASH;
+            } else if (is_letter(c)) {
+                state = CONTENT;
+                read_leaf(doc, open, frwk_xml_read_dir);
+            } else {
+                fail(doc, ERROR_TAG_NAME);
+            }
+            break;
+        case AFTER_BANG_DASH:
+            if (c == '-') {
+                doc->cursor++;
+                state = CONTENT;
+                read_leaf(doc, open, frwk_xml_read_comment);
+            } else {
+                fail(doc, ERROR_TAG_NAME);
+            }
+            break;
+        }
+    }
+
+    bool closed = open == top;
+    while (open != top) {
+        open = end_child(doc, open);
+    }
+    return closed;
+}
+
+int frwk_xml_read_node(frwk_xml_doc_t *doc, frwk_xml_node_t *parent, uint32_t flags)
+{
+    read_content(doc, parent, flags);
+    return doc->status;
+}
+
+void frwk_xml_read_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
+{
+    if (read_start_tag(doc, node, flags)) {
+        read_content(doc, node, flags);
+    }
+}
+
+/* ------------------------------------------------- Texts and files ------------------------------------------------- */
+
+/* The messages of the parse are those of the public call, whichever way it is entered. */
+#define TRACE_UNLESS(quiet, func, ...)                                                                                 \
+    do {                                                                                                               \
+        if (!(quiet)) {                                                                                                \
+            frwk_trace_print(__FILE__, func, __LINE__, FRWK_TRACE_ERROR, __VA_ARGS__);                                 \
+        }                                                                                                              \
+    } while (0)
+
+static bool has_one_root(const frwk_xml_doc_t *doc)
+{
+    int elements = 0;
+    frwk_list_for_each(link, &doc->root->children) {
+        elements += node_of(link)->type == FRWK_XML_NODE_ELEMENT ? 1 : 0;
+    }
+    return elements == 1;
+}
+
+static frwk_xml_doc_t *parse_text(char *text, bool *whole, bool quiet)
+{
+    static const char func[] = "frwk_xml_cache_parse";
+
+    *whole = false;
+    if (text == nullptr || *text == '\0') {
+        TRACE_UNLESS(quiet, func, "xml stream is null!");
+        return nullptr;
+    }
+    frwk_xml_doc_t *doc = frwk_xml_alloc_doc();
+    if (doc == nullptr) {
+        TRACE_UNLESS(quiet, func, "alloc for xml doc failed!");
+        return nullptr;
+    }
+    doc->cursor = text;
+    bool closed = read_content(doc, doc->root, FLAGS_DECODE);
+    doc->cursor = nullptr;
+    if (doc->status != STATUS_OK) {
+        TRACE_UNLESS(quiet, func, "Error: line:%d,status:%d,cause:%s!", static_cast<int>(doc->line), doc->status,
+                     frwk_xml_strerror(doc->error));
+        frwk_xml_free_doc(doc);
+        return nullptr;
+    }
+    if (!has_one_root(doc)) {
+        TRACE_UNLESS(quiet, func, "Can't found valid xml root!");
+        frwk_xml_free_doc(doc);
+        return nullptr;
+    }
+    *whole = closed;
+    return doc;
+}
+
+/* The content of a file as a string; null, traced, when it cannot be read. */
+static char *read_file(const char *path, const char *func, bool quiet)
+{
+    long size = frwk_file_size(path);
+    if (size <= 0) {
+        TRACE_UNLESS(quiet, func, "invalid xml '%s'!", path);
+        return nullptr;
+    }
+    heap_ptr<char> text(static_cast<char *>(malloc(static_cast<size_t>(size) + 1)));
+    if (text == nullptr) {
+        TRACE_UNLESS(quiet, func, "alloc for xml '%s' failed!", path);
+        return nullptr;
+    }
+    FILE *fp = fopen(path, "re");
+    if (fp == nullptr) {
+        TRACE_UNLESS(quiet, func, "%s, errno=%d, cause: %s", "open xml file error", errno, strerror(errno));
+        return nullptr;
+    }
+    size_t n = fread(text.get(), 1, static_cast<size_t>(size), fp);
+    text.get()[n] = '\0';
+    fclose(fp);
+    return text.release();
+}
+
+static frwk_xml_doc_t *parse_file(const char *path, bool *whole, bool quiet)
+{
+    static const char func[] = "frwk_xml_file_parse";
+    cancel_guard uncancelled;
+
+    *whole = false;
+    if (path == nullptr) {
+        TRACE_UNLESS(quiet, func, "xml file is null!");
+        return nullptr;
+    }
+    heap_ptr<char> text(read_file(path, func, quiet));
+    if (text == nullptr) {
+        return nullptr;
+    }
+    frwk_xml_doc_t *doc = parse_text(text.get(), whole, quiet);
+    if (doc == nullptr) {
+        TRACE_UNLESS(quiet, func, "parse xml '%s' failed!", path);
+        return nullptr;
+    }
+    doc->file_name = frwk_strdup(path);
+    if (doc->file_name == nullptr) {
+        TRACE_UNLESS(quiet, func, "alloc for xml '%s' failed!", path);
+        frwk_xml_free_doc(doc);
+        *whole = false;
+        return nullptr;
+    }
+    return doc;
+}
+
+frwk_xml_doc_t *frwk_xml_cache_parse(char *text)
+{
+    bool whole = false;
+    return parse_text(text, &whole, false);
+}
+
+frwk_xml_doc_t *frwk_xml_file_parse(const char *path)
+{
+    bool whole = false;
+    return parse_file(path, &whole, false);
+}
+
+frwk_xml_doc_t *frwk_xml_file_parse_whole(const char *path, bool *whole)
+{
+    return parse_file(path, whole, false);
+}
+
+frwk_xml_doc_t *frwk_xml_file_parse_quiet(const char *path, bool *whole)
+{
+    return parse_file(path, whole, true);
+}
+
+/* ==================================================== The writers ==================================================
+ *
+ * The layout of a node stands once; the two writers differ in where the text goes and in two details of a node.
+ */
+
+struct xml_sink {
+    void (*put)(void *out, const char *text, size_t n);
+    void (*indent)(void *out, int depth, uint32_t flags);
+    void (*escape)(void *out, const char *text);
+    bool (*has_text)(const frwk_xml_node_t *node);
+    bool blanks_in_empty_comment;
+};
+
+/* What a byte is written as; null for one that is written as itself. */
+static const char *entity_of(char c)
+{
+    switch (c) {
+    case '"':
+        return "&quot;";
+    case '&':
+        return "&amp;";
+    case '\'':
+        return "&apos;";
+    case '<':
+        return "&lt;";
+    case '>':
+        return "&gt;";
+    default:
+        return nullptr;
+    }
+}
+
+/* The number of bytes before the next one that has an entity, or the text's end. */
+static size_t plain_length(const char *text)
+{
+    return strcspn(text, "\"&'<>");
+}
+
+static const char *indent_unit(uint32_t flags)
+{
+    return (flags & FRWK_XML_INDENT_TAB) != 0 ? "\t" : (flags & FRWK_XML_INDENT_SPACES) != 0 ? "   " : " ";
+}
+
+static void put_string(const xml_sink *sink, void *out, const char *text)
+{
+    sink->put(out, text, strlen(text));
+}
+
+/* Names and values may be null in nodes that a module made. */
+static void put_nullable(const xml_sink *sink, void *out, const char *text)
+{
+    put_string(sink, out, text != nullptr ? text : "");
+}
+
+static void put_text(const xml_sink *sink, void *out, const char *text, uint32_t flags)
+{
+    if ((flags & FRWK_XML_RAW) != 0) {
+        put_nullable(sink, out, text);
+    } else {
+        sink->escape(out, text);
+    }
+}
+
+static void put_attrs(const xml_sink *sink, void *out, frwk_xml_node_t *node, uint32_t flags)
+{
+    frwk_list_for_each(link, &node->attrs) {
+        const frwk_xml_attr_t *attr = attr_of(link);
+        put_string(sink, out, " ");
+        put_nullable(sink, out, attr->name);
+        put_string(sink, out, "=\"");
+        put_text(sink, out, attr->value, flags);
+        put_string(sink, out, "\"");
+    }
+}
+
+static void put_end_tag(const xml_sink *sink, void *out, const frwk_xml_node_t *node)
+{
+    put_string(sink, out, "</");
+    put_nullable(sink, out, node->name);
+    put_string(sink, out, ">\n");
+}
+
+/* A declaration or a directive. */
+static void put_marked(const xml_sink *sink, void *out, const char *begin, const frwk_xml_node_t *node, const char *end)
+{
+    put_string(sink, out, begin);
+    put_nullable(sink, out, node->name);
+    if (node->len != 0) {
+        put_string(sink, out, " ");
+        put_nullable(sink, out, node->value);
+    }
+    put_string(sink, out, end);
+}
+
+static void put_comment(const xml_sink *sink, void *out, const frwk_xml_node_t *node)
+{
+    put_string(sink, out, "<!--");
+    if (node->len != 0 || sink->blanks_in_empty_comment) {
+        put_string(sink, out, " ");
+        put_nullable(sink, out, node->value);
+        put_string(sink, out, " ");
+    }
+    put_string(sink, out, "-->\n");
+}
+
+/* Returns whether children follow, and after them the end. */
+static bool put_element(const xml_sink *sink, void *out, frwk_xml_node_t *node, uint32_t flags)
+{
+    bool children = frwk_list_empty(&node->children) == 0;
+    put_string(sink, out, "<");
+    put_nullable(sink, out, node->name);
+    put_attrs(sink, out, node, flags);
+    if (children) {
+        put_string(sink, out, ">\n");
+        return true;
+    }
+    if (sink->has_text(node)) {
+        put_string(sink, out, ">");
+        put_text(sink, out, node->value, flags);
+        put_end_tag(sink, out, node);
+    } else {
+        put_string(sink, out, "/>\n");
+    }
+    return false;
+}
+
+/* All of a node that stands before its children; returns whether they follow, and after them the end. */
+static bool put_begin(const xml_sink *sink, void *out, frwk_xml_node_t *node, uint32_t flags)
+{
+    sink->indent(out, node->depth, flags);
+    switch (node->type) {
+    case FRWK_XML_NODE_ELEMENT:
+        return put_element(sink, out, node, flags);
+    case FRWK_XML_NODE_COMMENT:
+        put_comment(sink, out, node);
+        return false;
+    case FRWK_XML_NODE_DECLARATION:
+        put_marked(sink, out, "<?", node, "?>\n");
+        return false;
+    case FRWK_XML_NODE_DIRECTIVE:
+        put_marked(sink, out, "<!", node, ">\n");
+        return false;
+    case FRWK_XML_NODE_DOCUMENT:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/* What stands behind the children of an element or of the document. */
+static void put_end(const xml_sink *sink, void *out, frwk_xml_node_t *node, uint32_t flags)
+{
+    if (node->type != FRWK_XML_NODE_ELEMENT) {
+        return;
+    }
+    if (sink->has_text(node)) {
+        sink->indent(out, node->depth < INT_MAX ? node->depth + 1 : INT_MAX, flags);
+        put_text(sink, out, node->value, flags);
+    }
+    sink->indent(out, node->depth, flags);
+    put_end_tag(sink, out, node);
+}
+
+/*
+ * Writes a node and all below it. `parent` leads back up, so it is only followed where it names the node whose child
+ * was entered; a child that a module linked with another parent takes a call of its own.
+ */
+static void put_tree(const xml_sink *sink, void *out, frwk_xml_node_t *top, uint32_t flags)
+{
+    if (!put_begin(sink, out, top, flags)) {
+        return;
+    }
+    frwk_xml_node_t *node = top;
+    frwk_list_t *next = top->children.next;
+    for (;;) {
+        if (next == &node->children) {
+            put_end(sink, out, node, flags);
+            if (node == top) {
+                return;
+            }
+            next = node->list.next;
+            node = node->parent;
+            continue;
+        }
+        frwk_xml_node_t *child = node_of(next);
+        if (child->parent != node) {
+            put_tree(sink, out, child, flags);
+        } else if (put_begin(sink, out, child, flags)) {
+            node = child;
+            next = child->children.next;
+            continue;
+        }
+        next = next->next;
+    }
+}
+
+/* -------------------------------------------------- Stream writer -------------------------------------------------- */
+
+static FILE *stream_of(void *out)
+{
+    return static_cast<frwk_xml_writer_t *>(out)->fp;
+}
+
+static void stream_put(void *out, const char *text, size_t n)
+{
+    fwrite(text, 1, n, stream_of(out));
+}
+
+static void stream_indent(void *out, int depth, uint32_t flags)
+{
+    for (int i = 1; i < depth; i++) {
+        fputs(indent_unit(flags), stream_of(out));
+    }
+}
+
+static void stream_escape(void *out, const char *text)
+{
+    if (text == nullptr) {
+        return;
+    }
+    for (;;) {
+        size_t n = plain_length(text);
+        stream_put(out, text, n);
+        text += n;
+        if (*text == '\0') {
+            return;
+        }
+        fputs(entity_of(*text++), stream_of(out));
+    }
+}
+
+static bool stream_has_text(const frwk_xml_node_t *node)
+{
+    return node->value != nullptr && *node->value != '\0';
+}
+
+static const xml_sink stream_sink = {stream_put, stream_indent, stream_escape, stream_has_text, false};
+
+void frwk_xml_write_fmt(frwk_xml_writer_t *w, int depth, uint32_t flags)
+{
+    stream_indent(w, depth, flags);
+}
+
+void frwk_xml_write_esc(frwk_xml_writer_t *w, const char *text)
+{
+    stream_escape(w, text);
+}
+
+void frwk_xml_write_attrs(frwk_xml_writer_t *w, frwk_xml_node_t *node, uint32_t flags)
+{
+    put_attrs(&stream_sink, w, node, flags);
+}
+
+int frwk_xml_write_node(frwk_xml_writer_t *w, frwk_xml_node_t *node, uint32_t flags)
+{
+    put_tree(&stream_sink, w, node, flags);
+    return w->result;
+}
+
+/* -------------------------------------------------- Buffer writer -------------------------------------------------- */
+
+enum { ESCAPE_ROOM = 8, INDENT_ROOM = 4 };
+
+static frwk_buffer_t *buffer_of(void *out)
+{
+    return static_cast<frwk_buffer_t *>(out);
+}
+
+/* Appends bytes for which there is room. */
+static void append(frwk_buffer_t *b, const char *text, size_t n)
+{
+    memcpy(b->bp + b->len, text, n);
+    b->len += static_cast<int32_t>(n);
+}
+
+static void buffer_put(void *out, const char *text, size_t n)
+{
+    frwk_buffer_t *b = buffer_of(out);
+    if (static_cast<size_t>(b->size - b->len) <= n) {
+        frwk_buffer_grow(b, n < INT_MAX ? static_cast<int>(n) : INT_MAX);
+    }
+    append(b, text, n);
+}
+
+static void buffer_indent(void *out, int depth, uint32_t flags)
+{
+    frwk_buffer_t *b = buffer_of(out);
+    frwk_buffer_grow(b, depth < INT_MAX / INDENT_ROOM ? INDENT_ROOM * (depth > 0 ? depth : 0) : INT_MAX);
+    const char *unit = indent_unit(flags);
+    size_t n = strlen(unit);
+    for (int i = 1; i < depth; i++) {
+        append(b, unit, n);
+    }
+}
+
+/* Every byte asks for room of its own, which grows the buffer by one step at a time however long the text is. */
+static void buffer_put_stepwise(frwk_buffer_t *b, const char *text, size_t n)
+{
+    while (n > 0) {
+        frwk_buffer_grow(b, ESCAPE_ROOM);
+        size_t room = static_cast<size_t>(b->size - b->len) - ESCAPE_ROOM;
+        size_t fit = n < room ? n : room;
+        append(b, text, fit);
+        text += fit;
+        n -= fit;
+    }
+}
+
+static void buffer_escape(void *out, const char *text)
+{
+    frwk_buffer_t *b = buffer_of(out);
+    if (text == nullptr) {
+        return;
+    }
+    for (;;) {
+        size_t n = plain_length(text);
+        buffer_put_stepwise(b, text, n);
+        text += n;
+        if (*text == '\0') {
+            return;
+        }
+        const char *entity = entity_of(*text++);
+        frwk_buffer_grow(b, ESCAPE_ROOM);
+        append(b, entity, strlen(entity));
+    }
+}
+
+static bool buffer_has_text(const frwk_xml_node_t *node)
+{
+    return node->len != 0;
+}
+
+static const xml_sink buffer_sink = {buffer_put, buffer_indent, buffer_escape, buffer_has_text, true};
+
+void frwk_xml_cache_write_fmt(frwk_buffer_t *b, int depth, uint32_t flags)
+{
+    buffer_indent(b, depth, flags);
+}
+
+void frwk_xml_cache_write_esc(frwk_buffer_t *b, const char *text)
+{
+    buffer_escape(b, text);
+}
+
+void frwk_xml_cache_write_attrs(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags)
+{
+    put_attrs(&buffer_sink, b, node, flags);
+}
+
+int frwk_xml_cache_save(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags)
+{
+    put_tree(&buffer_sink, b, node, flags);
+    return 0;
+}
+
+/* ------------------------------------------------------- Save ------------------------------------------------------- */
+
+enum { BACKUP_PATH_SIZE = 512 };
+
+static const char backup_suffix[] = ".bak";
+
+/* Unbuffered, so that a write that a signal broke off goes on where it stopped: a failed flush would drop its bytes. */
+static bool write_stream(FILE *fp, const frwk_buffer_t *text)
+{
+    setvbuf(fp, nullptr, _IONBF, 0);
+    size_t done = 0;
+    size_t size = static_cast<size_t>(text->len);
+    while (done < size) {
+        errno = 0;
+        done += fwrite(text->bp + done, 1, size - done, fp);
+        if (done < size && errno != EINTR) {
+            return false;
+        }
+        clearerr(fp);
+    }
+    return fflush(fp) == 0;
+}
+
+enum save_outcome { SAVED, NOT_CREATED, NOT_WRITTEN };
+
+/*
+ * At every instant the old content is on the disk whole, under the file's name or the backup's, until the new content
+ * is written and synced.
+ */
+static save_outcome replace_file(const char *path, const char *backup, const frwk_buffer_t *text)
+{
+    remove(backup);
+    bool backed_up = rename(path, backup) == 0;
+    FILE *fp = fopen(path, "w+e");
+    save_outcome outcome = fp != nullptr ? SAVED : NOT_CREATED;
+    if (fp != nullptr) {
+        bool written = write_stream(fp, text);
+        bool closed = fclose(fp) == 0;
+        outcome = written && closed ? SAVED : NOT_WRITTEN;
+    }
+    if (outcome == SAVED) {
+        sync();
+        remove(backup);
+        return SAVED;
+    }
+    if (backed_up) {
+        rename(backup, path);
+    } else if (outcome == NOT_WRITTEN) {
+        remove(path);
+    }
+    sync();
+    return outcome;
+}
+
+int frwk_xml_file_save(frwk_xml_doc_t *doc, const char *path)
+{
+    cancel_guard uncancelled;
+    if (doc == nullptr || doc->root == nullptr) {
+        FRWK_ERR("xml doc is null!");
+        return FRWK_ERROR_INVALID_PARAM;
+    }
+    const char *name = path != nullptr ? path : doc->file_name;
+    if (name == nullptr) {
+        FRWK_ERR("xml file name is null!");
+        return FRWK_ERROR_INVALID_PARAM;
+    }
+    char backup[BACKUP_PATH_SIZE];
+    if (strlen(name) + sizeof backup_suffix > sizeof backup) {
+        FRWK_ERR("xml file name '%s' is too long!", name);
+        return FRWK_ERROR_INVALID_PARAM;
+    }
+    if (path != nullptr) {
+        char *copy = frwk_strdup(path);
+        if (copy == nullptr) {
+            FRWK_ERR("alloc for xml '%s' failed!", path);
+            return FRWK_ERROR_NO_MEMORY;
+        }
+        replace_text(&doc->file_name, copy);
+    }
+    frwk_buffer_t text;
+    if (frwk_buffer_init(&text) == 0) {
+        FRWK_ERR("init xml '%s' cache failed!", doc->file_name);
+        return FRWK_ERROR_NO_MEMORY;
+    }
+    frwk_xml_cache_save(&text, doc->root, FRWK_XML_INDENT_SPACES);
+    sprintf_s(backup, sizeof backup, "%s%s", doc->file_name, backup_suffix);
+    save_outcome outcome = replace_file(doc->file_name, backup, &text);
+    frwk_buffer_free(&text);
+
+    if (outcome == NOT_CREATED) {
+        FRWK_ERR("create xml '%s' failed!", doc->file_name);
+    } else if (outcome == NOT_WRITTEN) {
+        FRWK_ERR("write xml '%s' failed!", doc->file_name);
+    }
+    return outcome == SAVED ? FRWK_ERROR_SUCCESS : FRWK_ERROR_FILE_CREATE;
+}
