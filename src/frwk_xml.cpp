@@ -67,7 +67,8 @@ static void replace_text(char **owned, char *text)
     *owned = text;
 }
 
-/* ==================================================== The model ==================================================== */
+/* ==================================================== The model ====================================================
+ */
 
 enum xml_error : uint32_t {
     ERROR_NONE,
@@ -191,7 +192,7 @@ void frwk_xml_free_node(frwk_xml_node_t *node)
     for (;;) {
         free(node->name);
         free(node->value);
-        frwk_list_for_each_safe(link, &node->attrs) {
+        frwk_list_for_each_safe (link, &node->attrs) {
             frwk_list_del(link);
             frwk_xml_free_attr(attr_of(link));
         }
@@ -224,7 +225,7 @@ frwk_xml_node_t *frwk_xml_get_doc_root(frwk_xml_doc_t *doc)
         FRWK_ERR("xml doc root node is null!");
         return nullptr;
     }
-    frwk_list_for_each(link, &doc->root->children) {
+    frwk_list_for_each (link, &doc->root->children) {
         if (node_of(link)->type == FRWK_XML_NODE_ELEMENT) {
             return node_of(link);
         }
@@ -243,7 +244,7 @@ frwk_xml_node_t *frwk_xml_get_child_node(frwk_xml_node_t *parent, const char *na
         FRWK_ERR("child node name is null!");
         return nullptr;
     }
-    frwk_list_for_each(link, &parent->children) {
+    frwk_list_for_each (link, &parent->children) {
         frwk_xml_node_t *child = node_of(link);
         if (child->type == FRWK_XML_NODE_ELEMENT && child->name != nullptr && strcmp(child->name, name) == 0) {
             return child;
@@ -257,7 +258,7 @@ const char *frwk_xml_get_attr_value(frwk_xml_node_t *node, const char *name)
     if (node == nullptr || name == nullptr) {
         return "";
     }
-    frwk_list_for_each(link, &node->attrs) {
+    frwk_list_for_each (link, &node->attrs) {
         const frwk_xml_attr_t *attr = attr_of(link);
         if (attr->name != nullptr && strcmp(attr->name, name) == 0) {
             return attr->value != nullptr ? attr->value : "";
@@ -411,7 +412,8 @@ static void take_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end, ch
     }
 }
 
-/* ------------------------------------------------- Entity references ------------------------------------------------ */
+/* ------------------------------------------------- Entity references ------------------------------------------------
+ */
 
 /* Only the first n characters of a reference's name are compared, and with as many of the entity's. */
 static char entity_char(const char *name, size_t n)
@@ -450,7 +452,8 @@ static char *close_reference(char *amp, char *out, char *semicolon)
     return amp + 1;
 }
 
-/* ------------------------------------------------------- Names ------------------------------------------------------ */
+/* ------------------------------------------------------- Names ------------------------------------------------------
+ */
 
 int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
 {
@@ -481,7 +484,8 @@ int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
     return STATUS_OK;
 }
 
-/* ---------------------------------------------------- Attributes ---------------------------------------------------- */
+/* ---------------------------------------------------- Attributes ----------------------------------------------------
+ */
 
 /* An attribute while it is read. */
 struct attr_text {
@@ -642,7 +646,8 @@ int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
     return doc->status;
 }
 
-/* ------------------------------------------------------- Text ------------------------------------------------------- */
+/* ------------------------------------------------------- Text -------------------------------------------------------
+ */
 
 /* Fails at a character of the run that begins at the cursor. */
 static void fail_at(frwk_xml_doc_t *doc, char *where, xml_error error)
@@ -731,7 +736,8 @@ void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
     }
 }
 
-/* ---------------------------------- Comments, declarations, directives, closing tags -------------------------------- */
+/* ---------------------------------- Comments, declarations, directives, closing tags --------------------------------
+ */
 
 /* The text from the cursor up to the first `mark` becomes the node's value. */
 static void read_until(frwk_xml_doc_t *doc, frwk_xml_node_t *node, const char *mark, xml_error if_missing)
@@ -794,7 +800,8 @@ void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
     }
 }
 
-/* ----------------------------------------------- Elements and content ---------------------------------------------- */
+/* ----------------------------------------------- Elements and content ----------------------------------------------
+ */
 
 /* Reads a start tag behind its "<"; returns whether content follows: no error, and not an empty-element tag. */
 static bool read_start_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
@@ -977,7 +984,8 @@ void frwk_xml_read_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flag
     }
 }
 
-/* ------------------------------------------------- Texts and files ------------------------------------------------- */
+/* ------------------------------------------------- Texts and files -------------------------------------------------
+ */
 
 /* The messages of the parse are those of the public call, whichever way it is entered. */
 #define TRACE_UNLESS(quiet, func, ...)                                                                                 \
@@ -990,7 +998,7 @@ void frwk_xml_read_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flag
 static bool has_one_root(const frwk_xml_doc_t *doc)
 {
     int elements = 0;
-    frwk_list_for_each(link, &doc->root->children) {
+    frwk_list_for_each (link, &doc->root->children) {
         elements += node_of(link)->type == FRWK_XML_NODE_ELEMENT ? 1 : 0;
     }
     return elements == 1;
@@ -1168,7 +1176,7 @@ static void put_text(const xml_sink *sink, void *out, const char *text, uint32_t
 
 static void put_attrs(const xml_sink *sink, void *out, frwk_xml_node_t *node, uint32_t flags)
 {
-    frwk_list_for_each(link, &node->attrs) {
+    frwk_list_for_each (link, &node->attrs) {
         const frwk_xml_attr_t *attr = attr_of(link);
         put_string(sink, out, " ");
         put_nullable(sink, out, attr->name);
@@ -1299,7 +1307,8 @@ static void put_tree(const xml_sink *sink, void *out, frwk_xml_node_t *top, uint
     }
 }
 
-/* -------------------------------------------------- Stream writer -------------------------------------------------- */
+/* -------------------------------------------------- Stream writer --------------------------------------------------
+ */
 
 static FILE *stream_of(void *out)
 {
@@ -1362,7 +1371,8 @@ int frwk_xml_write_node(frwk_xml_writer_t *w, frwk_xml_node_t *node, uint32_t fl
     return w->result;
 }
 
-/* -------------------------------------------------- Buffer writer -------------------------------------------------- */
+/* -------------------------------------------------- Buffer writer --------------------------------------------------
+ */
 
 enum { ESCAPE_ROOM = 8, INDENT_ROOM = 4 };
 
@@ -1458,7 +1468,8 @@ int frwk_xml_cache_save(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags)
     return 0;
 }
 
-/* ------------------------------------------------------- Save ------------------------------------------------------- */
+/* ------------------------------------------------------- Save -------------------------------------------------------
+ */
 
 enum { BACKUP_PATH_SIZE = 512 };
 
