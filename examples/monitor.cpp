@@ -7,6 +7,8 @@
  *   502 reset         starts one module after the other anew; the settings stay those of the monitor's start
  *   503 monitor conf  starts or stops a module as its supervision flag says
  *   SIGTERM, SIGHUP, SIGINT  stops all modules and ends
+ *
+ * Status word: how many modules it has running.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -15,10 +17,10 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "device.h"
+#include "process.h"
 
 /* All in milliseconds, but for the misses. */
 enum {
@@ -28,6 +30,7 @@ enum {
     PING_MISSES = 3,
     START_GRACE = 10000, /* a module may be silent that long after its start */
     STOP_GRACE = 3000,   /* and may take that long to end before it is killed */
+    RESTART_GRACE = 3000,
     BACKOFF_MIN = 500,
     BACKOFF_MAX = 30000
 };
@@ -50,9 +53,7 @@ struct order_t {
 };
 
 static int s_children; /* hash table: names of the modules that are kept running, each with its child_t */
-/*
- * Requests arrive on threads that end soon, and a child gets its parent-death signal when the thread that forked it
- * ends. So all is started from the main thread, and this pipe brings the orders there.
+/* Requests arrive on threads that end soon, but only the main thread starts programs: the pipe brings the orders there.
  */
 static int s_orders[2];
 static char s_program[PATH_MAX];
@@ -60,20 +61,8 @@ static volatile sig_atomic_t s_end;
 
 static child_t *child_of(uint32_t id)
 {
-    return static_cast<child_t *>(frwk_hash_lookup_symbol(s_children, frwk_module_name(id)));
-}
-
-/* In the child, where other threads' locks may be held for good: nothing but system calls. */
-[[noreturn]] static void run_program(const char *path, char **argv)
-{
-    signal(SIGPIPE, SIG_DFL); /* start-up has this ignored and blocked, which a program would inherit */
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    dup2(null, STDIN_FILENO);
-    execv(path, argv);
-    _exit(127);
+    frwk_hash_entry_t *entry = frwk_hash_lookup(s_children, frwk_module_name(id));
+    return entry != nullptr ? reinterpret_cast<child_t *>(entry->value.data) : nullptr;
 }
 
 static void program_path(uint32_t id, char *path, size_t size)
@@ -85,22 +74,10 @@ static void program_path(uint32_t id, char *path, size_t size)
 static void start(child_t *child)
 {
     char path[PATH_MAX];
-    char *argv[64] = {path};
     program_path(child->id, path, sizeof path);
-    char *words = frwk_strdup(g_s_modules_info[child->id].start_cmd);
-    char *rest = nullptr;
-    char *word = words != nullptr ? strtok_r(words, " \t\n", &rest) : nullptr;
-    for (int i = 1; word != nullptr && i < 63; i++) {
-        argv[i] = word;
-        word = strtok_r(nullptr, " \t\n", &rest);
-    }
-    pid_t pid = fork();
-    if (pid == 0) {
-        run_program(path, argv);
-    }
-    free(words);
+    pid_t pid = process_start(path, g_s_modules_info[child->id].start_cmd);
     if (pid < 0) {
-        FRWK_ERR("fork for %s failed: %s", path, strerror(errno));
+        FRWK_ERR("cannot start %s: %s", path, strerror(errno));
         frwk_simple_timer_start(&child->due, child->backoff);
         return;
     }
@@ -114,20 +91,11 @@ static void start(child_t *child)
 
 static void stop(child_t *child)
 {
-    if (child->pid == 0) {
-        return;
+    if (child->pid != 0) {
+        process_stop(child->pid, STOP_GRACE);
+        FRWK_INFO("stopped %s", frwk_module_name(child->id));
+        child->pid = 0;
     }
-    frwk_uptime_t end;
-    frwk_simple_timer_start(&end, STOP_GRACE);
-    kill(child->pid, SIGTERM);
-    while (waitpid(child->pid, nullptr, WNOHANG) == 0) {
-        if (frwk_simple_timer_timeout(&end)) {
-            kill(child->pid, SIGKILL);
-        }
-        frwk_sleep(10);
-    }
-    FRWK_INFO("stopped %s", frwk_module_name(child->id));
-    child->pid = 0;
 }
 
 /* Starts a module and keeps it running from now on. */
@@ -183,9 +151,11 @@ static void restart(child_t *child)
     stop(child);
     child->backoff = BACKOFF_MIN;
     start(child);
-    for (int ms = 0; ms < STOP_GRACE && device_ping(child->id, PING_DEADLINE) != FRWK_ERROR_SUCCESS; ms += 50) {
-        frwk_sleep(50);
-    }
+    frwk_uptime_t end;
+    frwk_simple_timer_start(&end, RESTART_GRACE);
+    do {
+        frwk_sleep(100);
+    } while (device_ping(child->id, PING_DEADLINE) != FRWK_ERROR_SUCCESS && !frwk_simple_timer_timeout(&end));
 }
 
 /* The death of a child, or its silence. */
@@ -196,7 +166,7 @@ static void supervise(child_t *child)
         if (frwk_simple_timer_timeout(&child->due)) {
             start(child);
         }
-    } else if (waitpid(child->pid, &status, WNOHANG) == child->pid) {
+    } else if (process_ended(child->pid, &status)) {
         FRWK_ERR("%s died, status 0x%x; next start in %d ms", frwk_module_name(child->id), status, child->backoff);
         child->pid = 0;
         frwk_simple_timer_start(&child->due, child->backoff);
@@ -213,6 +183,18 @@ static void supervise(child_t *child)
         }
         frwk_simple_timer_start(&child->due, PING_PERIOD);
     }
+}
+
+static void supervise_all()
+{
+    uint32_t running = 0;
+    for (frwk_hash_entry_t *entry = frwk_hash_first(s_children); entry != nullptr;
+         entry = frwk_hash_next(s_children, entry)) {
+        child_t *child = reinterpret_cast<child_t *>(entry->value.data);
+        supervise(child);
+        running += child->pid != 0;
+    }
+    frwk_set_module_status(running);
 }
 
 static void obey(const order_t *order)
@@ -293,10 +275,7 @@ int main()
         if (poll(&orders, 1, TICK) > 0 && read(s_orders[0], &order, sizeof order) == sizeof order) {
             obey(&order);
         }
-        for (frwk_hash_entry_t *entry = frwk_hash_first(s_children); entry != nullptr;
-             entry = frwk_hash_next(s_children, entry)) {
-            supervise(reinterpret_cast<child_t *>(entry->value.data));
-        }
+        supervise_all();
     }
     stop_all();
     frwk_hash_free(s_children);

@@ -1,0 +1,208 @@
+#!/bin/bash
+# Runs the example device and prints what it does. tools/demo builds the programs and calls this in a private copy of
+# the device's paths. Exits with 1 when an answer was wrong.
+#
+#   demo.sh [--keep]     --keep opens a shell beside the running device before it is stopped
+set -u
+
+keep=
+case ${1:-} in
+'') ;;
+--keep) keep=yes ;;
+*)
+    echo "usage: demo.sh [--keep]" >&2
+    exit 2
+    ;;
+esac
+
+programs=${DEVICE_PROGRAMS:-$(cd "$(dirname "$0")/.." && pwd)/build/release/examples}
+PATH=$programs:$PATH
+if ! [ -x "$programs/monitor" ]; then
+    echo "demo.sh: no programs in $programs: tools/demo builds them" >&2
+    exit 1
+fi
+work=$(mktemp -d)
+log=$work/messages
+checks=0
+wrong=0
+started=()
+
+stop_rest() {
+    [ ${#started[@]} -eq 0 ] || kill "${started[@]}" 2>/dev/null
+    rm -rf "$work"
+}
+trap stop_rest EXIT
+
+title() {
+    printf '\n== %s\n' "$*"
+}
+
+# check WHAT COMMAND...: counts, and says when it was wrong.
+check() {
+    local what=$1
+    shift
+    checks=$((checks + 1))
+    if ! "$@"; then
+        wrong=$((wrong + 1))
+        echo "WRONG: $what"
+    fi
+}
+
+run() {
+    printf '$ %s\n' "$*"
+    check "$* failed" "$@"
+}
+
+# within SECONDS COMMAND...: tries until it succeeds.
+within() {
+    local end=$((SECONDS + $1))
+    shift
+    until "$@"; do
+        [ $SECONDS -lt "$end" ] || return 1
+        sleep 0.1
+    done
+}
+
+logged() {
+    grep -Eq "$1" "$log"
+}
+
+# answer PATTERN: prints the lines from the modem until the last of an answer; one of them must match.
+answer() {
+    local pattern=$1 line found=
+    while IFS= read -r -t 10 line <&5; do
+        line=${line%$'\r'}
+        echo "  $line"
+        [[ $line =~ $pattern ]] && found=yes
+        case $line in
+        OK | ERROR | +CME* | +MEASURED*) break ;;
+        esac
+    done
+    [ -n "$found" ]
+}
+
+at() {
+    printf '> %s\n' "$1"
+    printf '%s\r' "$1" >&5
+    check "the answer to $1 should match $2" answer "$2"
+}
+
+# Two terminals, joined: what goes in at one comes out at the other.
+terminals() {
+    socat "pty,link=$work/$1,rawer" "pty,link=$work/$1.host,rawer" &
+    started+=($!)
+    within 5 test -e "$work/$1.host" || exit 1
+}
+
+# passes FROM TO: sends random bytes through the bridge and compares.
+passes() {
+    head -c 65536 /dev/urandom >"$work/sent"
+    timeout 30 head -c 65536 <"$2" >"$work/received" &
+    local receiver=$!
+    cat "$work/sent" >"$1"
+    wait $receiver && cmp "$work/sent" "$work/received"
+}
+
+is_down() {
+    monitor_tool status | grep -q "^$1 *no"
+}
+
+followed_all() {
+    [ "$(tail -n 1 "$log")" = "$(tail -n 1 "$work/followed")" ]
+}
+
+all_stopped() {
+    ! monitor_tool status | grep -Eq ' (yes|silent) +[0-9]'
+}
+
+title "A system log, and terminals for the modem and the two ends of the bridge"
+busybox syslogd -n -S -O "$log" &
+started+=($!)
+within 5 test -e "$log" || exit 1
+terminals modem
+terminals left
+terminals right
+exec 5<>"$work/modem.host"
+
+title "What the monitor shall start, and what the modules shall trace"
+run monitor_tool start-cmd atfwd_daemon "$work/modem"
+run monitor_tool start-cmd serial_bridge "-l $work/left -r $work/right"
+run logtool set all 1 info
+
+title "The device starts"
+echo "$ monitor &"
+monitor &
+monitor=$!
+started+=($monitor)
+logtool follow "$log" >"$work/followed" &
+started+=($!)
+for module in monitor atfwd_daemon serial_bridge qmuxd; do
+    run monitor_tool wait $module
+done
+within 5 logged "opened $work/right"
+run monitor_tool status
+run logtool
+
+title "Command lines to atfwd_daemon, which asks the other modules"
+at AT '^OK$'
+at ATI '^libfrwk example device, module 2$'
+at 'AT+CCLK?' '^\+CCLK: "[0-9/]{8},[0-9:]{8}"$'
+at 'AT+LOAD?' '^\+LOAD: [0-9]+\.[0-9]{2}$'
+at 'AT+MEM?' '^\+MEM: [1-9][0-9]*,[1-9][0-9]*$'
+at AT+STATUS=qmuxd '^\+STATUS: qmuxd,[13]$'
+at AT+STATUS=mbimd '^\+CME ERROR: 1$' # not running
+at AT+PERIOD=100 '^\+CME ERROR: 3$'   # refused by qmuxd
+at AT+PERIOD=500 '^OK$'
+at AT+SAMPLE '^OK$'
+at AT+MARK=demo '^OK$'
+at AT+REPORT '^OK$'
+at AT+NONSENSE '^ERROR$'
+at AT+MEASURE '^OK$'
+check "the measured load should follow" answer '^\+MEASURED: [0-9]+\.[0-9]{2}$'
+
+title "Bytes through serial_bridge"
+check "64 KiB should pass from left to right" passes "$work/left.host" "$work/right.host"
+check "64 KiB should pass from right to left" passes "$work/right.host" "$work/left.host"
+run monitor_tool send serial_bridge 7 --rsp 16
+
+title "A trace setting changed at once: qmuxd tells of each sample"
+run logtool set qmuxd 1 debug
+check "debug lines should come" within 10 logged 'qmuxd\[[0-9]+\]: debug\|.*sample'
+
+title "The setting survives: qmuxd is killed, and the monitor starts it anew"
+old=$(cat /tmp/odm/lock/qmuxd)
+run kill -KILL "$old"
+check "the monitor should say so" within 10 logged 'monitor\[.*qmuxd died'
+check "qmuxd should answer again" monitor_tool wait qmuxd
+new=$(cat /tmp/odm/lock/qmuxd)
+echo "process $old is now $new"
+check "the new process should trace at the stored level" within 10 logged "qmuxd\\[$new\\]: debug"
+
+title "Supervision switched off and on"
+run monitor_tool service qmuxd off
+check "qmuxd should stop" within 10 is_down qmuxd
+at AT+STATUS=qmuxd '^\+CME ERROR: 1$'
+run monitor_tool service qmuxd on
+run monitor_tool wait qmuxd
+run logtool set qmuxd 1 info
+
+if [ -n "$keep" ]; then
+    title "The device runs. Try logtool and monitor_tool; 'exit' stops it."
+    echo "system log: $log    command lines: echo AT >$work/modem.host"
+    PS1='device$ ' bash --norc -i
+fi
+
+title "What arrived in the system log (logtool follow)"
+check "logtool follow should have shown the last line" within 10 followed_all
+tail -n 25 "$work/followed"
+check "the mark should be there" grep -q 'qmuxd.*mark of module 2: demo' "$work/followed"
+check "the report should be there" grep -q 'serial_bridge.*report: ' "$work/followed"
+
+title "The device stops"
+run kill -TERM $monitor
+check "the monitor should end in order" wait $monitor
+check "nothing should be left running" all_stopped
+monitor_tool status
+
+title "$checks checks, $wrong wrong"
+[ $wrong -eq 0 ]
