@@ -34,13 +34,6 @@ set(frwk_headers
     frwk_trace.h
     frwk_xml.h)
 list(TRANSFORM sources PREPEND ${PROJECT_SOURCE_DIR}/src/)
-file(GLOB present CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/*.cpp)
-foreach(source IN LISTS sources)
-    if(NOT source IN_LIST present)
-        list(REMOVE_ITEM sources ${source})
-        set(incomplete TRUE)
-    endif()
-endforeach()
 list(TRANSFORM frwk_headers PREPEND ${PROJECT_SOURCE_DIR}/include/)
 
 # The linker script with the exported names. It is anonymous: with a named version, modules built against this library
@@ -53,12 +46,6 @@ list(JOIN names ";\n    " names)
 file(CONFIGURE OUTPUT ${linker_script} CONTENT "{\nglobal:\n    @names@;\nlocal:\n    *;\n};\n" @ONLY)
 
 add_library(frwk SHARED ${sources})
-if(incomplete)
-    file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/missing.c
-        "int frwk_module_init(unsigned id, void (*cb)(unsigned));\n"
-        "__attribute__((weak)) int frwk_module_init(unsigned id, void (*cb)(unsigned)) { (void)id; (void)cb; return -1; }\n")
-    target_sources(frwk INTERFACE $<BUILD_INTERFACE:${CMAKE_CURRENT_BINARY_DIR}/missing.c>)
-endif()
 add_library(frwk::frwk ALIAS frwk)
 target_sources(frwk PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR}/include FILES ${frwk_headers})
 set_target_properties(frwk PROPERTIES
@@ -88,11 +75,11 @@ target_link_options(frwk PRIVATE
     LINKER:--version-script=${linker_script}
     LINKER:--gc-sections
     LINKER:--as-needed
-    LINKER:-z,relro$<$<NOT:$<BOOL:${incomplete}>>:,-z,now>
+    LINKER:-z,relro,-z,now
     LINKER:--hash-style=gnu
     LINKER:--build-id=sha1
     -static-libgcc)
-if(NOT FRWK_SANITIZE AND NOT incomplete)
+if(NOT FRWK_SANITIZE)
     target_link_options(frwk PRIVATE LINKER:-z,defs)
 endif()
 
