@@ -147,76 +147,119 @@ int frwk_msg_handle_aync(uint32_t to, uint32_t msg, const void *data, int32_t le
 
 /* --- one connection --------------------------------------------------------------------------------------------- */
 
-/* What a connection thread holds. */
+/*
+ * A small request and a small response stand on the thread's stack: a thread that lives for one request pays more for
+ * its first use of the heap than for the whole of its copying.
+ */
+enum { SMALL_BODY = 1000, SMALL_RSP = 1024 };
+
+/* A request as it is first read: the header and what came with it. */
+struct request_t {
+    frwk_ipc_reqhdr_t hdr;
+    uint8_t body[SMALL_BODY];
+};
+
+/* What a connection thread must give back. */
 struct connection_t {
-    int *handle; /* the socket, in the block that the accept thread hands over */
-    uint8_t *body;
-    uint8_t *rsp; /* response frame */
+    int fd;
+    uint8_t *body; /* on the heap where it is large, else null */
+    uint8_t *rsp;  /* the same for the response frame */
 };
 
 static void end_connection(void *arg)
 {
     cancel_guard no_cancel;
     connection_t *conn = static_cast<connection_t *>(arg);
-    close(*conn->handle);
-    free(conn->handle);
+    close(conn->fd);
     free(conn->body);
     free(conn->rsp);
     g_s_module_ctx.ipc_threads.fetch_sub(1, std::memory_order_relaxed);
 }
 
-static bool receive_body(connection_t *conn, int32_t len)
+/* Receives a body of which `have` bytes came with the header. */
+static bool receive_large_body(connection_t *conn, const request_t *request, int32_t have)
 {
+    int32_t len = request->hdr.msg_len;
     conn->body = static_cast<uint8_t *>(malloc(static_cast<size_t>(len)));
     if (conn->body == nullptr) {
         FRWK_ERR("alloc for ipc recv body error!");
         return false;
     }
-    if (frwk_ipc_recv(*conn->handle, conn->body, len) != len) {
+    memcpy_s(conn->body, static_cast<size_t>(len), request->body, static_cast<size_t>(have));
+    int32_t rest = len - have;
+    /* Only a body of which nothing came yet is waited for. */
+    int32_t got =
+        have > 0 ? frwk_ipc_recv_rest(conn->fd, conn->body + have, rest) : frwk_ipc_recv(conn->fd, conn->body, rest);
+    if (got != rest) {
         FRWK_ERR("ipc recv body error!");
         return false;
     }
     return true;
 }
 
+/* Answers with the frame, all of it in one piece; `failure` is traced when the peer does not take it. */
+static bool answer(const connection_t *conn, const uint8_t *frame, size_t len, const char *failure)
+{
+    if (!frwk_ipc_write_all(&conn->fd, frame, len)) {
+        FRWK_ERR("%s", failure);
+        return false;
+    }
+    return true;
+}
+
+/* Runs a request whose body is there, and answers it: an asynchronous one before it runs. */
+static void dispatch(connection_t *conn, const frwk_ipc_reqhdr_t &hdr, const uint8_t *body)
+{
+    uint8_t small_rsp[SMALL_RSP];
+    uint8_t *rsp = small_rsp;
+    size_t rsp_len = sizeof(frwk_ipc_rsphdr_t) + static_cast<size_t>(hdr.rsp_size);
+    if (rsp_len <= sizeof small_rsp) {
+        memset_s(rsp, sizeof small_rsp, 0, rsp_len);
+    } else {
+        rsp = conn->rsp = static_cast<uint8_t *>(calloc(1, rsp_len));
+    }
+    if (rsp == nullptr) {
+        FRWK_ERR("alloc for ipc rsp error!");
+        return;
+    }
+    if (hdr.async != 0 && !answer(conn, rsp, rsp_len, "ipc send async response error!")) {
+        return;
+    }
+    frwk_ipc_rsphdr_t rsphdr = {0, hdr.rsp_size};
+    rsphdr.rc = frwk_msg_handle(hdr.from, hdr.msg, body, hdr.msg_len, rsp + sizeof rsphdr, hdr.rsp_size, hdr.timeout);
+    if (hdr.async == 0) {
+        memcpy_s(rsp, rsp_len, &rsphdr, sizeof rsphdr);
+        answer(conn, rsp, rsp_len, "send ipc rsp error!");
+    }
+}
+
 /* Serves the one request of a connection. */
 static void frwk_ipc_handle(connection_t *conn)
 {
-    frwk_ipc_reqhdr_t hdr;
-    if (frwk_ipc_recv(*conn->handle, &hdr, sizeof hdr) != static_cast<int32_t>(sizeof hdr) || hdr.rsp_size < 0) {
+    request_t request;
+    const frwk_ipc_reqhdr_t &hdr = request.hdr;
+    int32_t have = frwk_ipc_recv_some(conn->fd, &request, sizeof request.hdr, sizeof request);
+    have -= static_cast<int32_t>(sizeof request.hdr);
+    if (have < 0 || hdr.rsp_size < 0) {
         FRWK_ERR("recv ipc header error!");
         return;
     }
     if (hdr.msg != FRWK_MSG_SYS_PING) {
         FRWK_INFO("Receive msg=%d from module=%s", static_cast<int>(hdr.msg), frwk_module_label(hdr.from));
     }
-    if (hdr.msg_len > 0 && !receive_body(conn, hdr.msg_len)) {
-        return;
-    }
-    size_t rsp_len = sizeof(frwk_ipc_rsphdr_t) + static_cast<size_t>(hdr.rsp_size);
-    conn->rsp = static_cast<uint8_t *>(calloc(1, rsp_len));
-    if (conn->rsp == nullptr) {
-        FRWK_ERR("alloc for ipc rsp error!");
-        return;
-    }
-    if (hdr.async != 0 && !frwk_ipc_write_all(conn->handle, conn->rsp, rsp_len)) {
-        FRWK_ERR("ipc send async response error!");
-        return;
-    }
-    int32_t rc = frwk_msg_handle(hdr.from, hdr.msg, conn->body, hdr.msg_len, conn->rsp + sizeof(frwk_ipc_rsphdr_t),
-                                 hdr.rsp_size, hdr.timeout);
-    if (hdr.async == 0) {
-        frwk_ipc_rsphdr_t rsphdr = {rc, hdr.rsp_size};
-        memcpy(conn->rsp, &rsphdr, sizeof rsphdr);
-        if (!frwk_ipc_write_all(conn->handle, conn->rsp, rsp_len)) {
-            FRWK_ERR("send ipc rsp error!");
+    if (hdr.msg_len > have) {
+        if (!receive_large_body(conn, &request, have)) {
+            return;
         }
+        dispatch(conn, hdr, conn->body);
+    } else {
+        dispatch(conn, hdr, hdr.msg_len > 0 ? request.body : nullptr);
     }
 }
 
-static void *connection_main(void *handle)
+static void *connection_main(void *arg)
 {
-    connection_t conn = {static_cast<int *>(handle), nullptr, nullptr};
+    connection_t conn = {static_cast<int>(reinterpret_cast<intptr_t>(arg)), nullptr, nullptr};
     pthread_cleanup_push(end_connection, &conn);
     frwk_ipc_handle(&conn);
     pthread_cleanup_pop(1);
@@ -238,12 +281,6 @@ static void report_accept_error()
 static void start_connection(int accepted)
 {
     unique_fd fd(accepted);
-    heap_ptr<int> handle(static_cast<int *>(malloc(sizeof(int))));
-    if (handle == nullptr) {
-        FRWK_ERR("alloc for accept handler failed!");
-        return;
-    }
-    *handle = accepted;
     int32_t busy = g_s_module_ctx.ipc_threads.load(std::memory_order_relaxed);
     if (busy > MAX_BUSY_THREADS) {
         FRWK_ERR("handle thread too many... num is %d\n", busy);
@@ -251,12 +288,13 @@ static void start_connection(int accepted)
     }
     /* Reserved here, by the one thread that adds, and given back by the connection's own: never more than the limit. */
     g_s_module_ctx.ipc_threads.fetch_add(1, std::memory_order_relaxed);
-    if (frwk_thread_create(connection_main, handle.get()) == FRWK_THREAD_INVALID) {
+    /* The socket itself is the thread's argument: nothing to allocate, nothing to free. */
+    void *handle = reinterpret_cast<void *>(static_cast<intptr_t>(accepted));
+    if (frwk_thread_create(connection_main, handle) == FRWK_THREAD_INVALID) {
         FRWK_ERR("create thread for accept handle error!");
         g_s_module_ctx.ipc_threads.fetch_sub(1, std::memory_order_relaxed);
         return;
     }
-    handle.release();
     fd.release();
 }
 

@@ -27,7 +27,11 @@ static_assert(sizeof(frwk_ipc_rsphdr_t) == 8 && offsetof(frwk_ipc_rsphdr_t, msg_
 
 char *frwk_ipc_sock_path(uint32_t id, char *path)
 {
-    sprintf_s(path, IPC_PATH_SIZE, "/tmp/odm/ipc/%s", frwk_module_label(id));
+    /* Copied, not formatted: every request comes by here. */
+    static const char directory[] = "/tmp/odm/ipc/";
+    const size_t len = sizeof directory - 1;
+    memcpy_s(path, IPC_PATH_SIZE, directory, len);
+    strcpy_s(path + len, IPC_PATH_SIZE - len, frwk_module_label(id));
     return path;
 }
 
@@ -101,10 +105,15 @@ int frwk_ipc_connect(uint32_t id)
     return fd;
 }
 
-int32_t frwk_ipc_recv(int fd, void *buf, int32_t len)
+/* What has arrived, up to len bytes; negative, errno EAGAIN, when that is nothing. */
+static int32_t take_arrived(int fd, void *buf, int32_t len)
 {
-    size_t size = static_cast<size_t>(len);
-    ssize_t got = recv(fd, buf, size, MSG_DONTWAIT);
+    return static_cast<int32_t>(recv(fd, buf, static_cast<size_t>(len), MSG_DONTWAIT));
+}
+
+int32_t frwk_ipc_recv_some(int fd, void *buf, int32_t least, int32_t most)
+{
+    int32_t got = take_arrived(fd, buf, most);
     if (got < 0 && errno == EAGAIN) {
         struct pollfd waited = {fd, POLLIN, 0};
         int ready = poll(&waited, 1, RECV_TIMEOUT_MS);
@@ -116,12 +125,26 @@ int32_t frwk_ipc_recv(int fd, void *buf, int32_t len)
             FRWK_ERR("select recv error!");
             return ready;
         }
-        got = recv(fd, buf, size, MSG_DONTWAIT);
+        got = take_arrived(fd, buf, most);
     }
+    if (got < least) {
+        FRWK_ERR("socket recv size error!");
+    }
+    return got;
+}
+
+int32_t frwk_ipc_recv(int fd, void *buf, int32_t len)
+{
+    return frwk_ipc_recv_some(fd, buf, len, len);
+}
+
+int32_t frwk_ipc_recv_rest(int fd, void *buf, int32_t len)
+{
+    int32_t got = take_arrived(fd, buf, len);
     if (got != len) {
         FRWK_ERR("socket recv size error!");
     }
-    return static_cast<int32_t>(got);
+    return got;
 }
 
 /* Writes what the socket did not take at once, as long as the peer goes on reading. */
