@@ -184,6 +184,28 @@ void device_fail(int status, const char *fmt, ...)
     exit(status);
 }
 
+int device_run(const device_command_t *commands, size_t count, const char *usage, int argc, char **argv)
+{
+    const char *tool = program_invocation_short_name;
+    if (argc < 2) {
+        device_fail(2, "a command is missing (see %s --help)", tool);
+    }
+    if (strcmp(argv[1], "--help") == 0) {
+        fputs(usage, stdout);
+        return 0;
+    }
+    int args = argc - 2;
+    for (size_t i = 0; i < count; i++) {
+        if (strcmp(argv[1], commands[i].name) == 0) {
+            if (args < commands[i].min_args || args > commands[i].max_args) {
+                device_fail(2, "wrong number of arguments for '%s' (see %s --help)", argv[1], tool);
+            }
+            return commands[i].run(args, argv + 2);
+        }
+    }
+    device_fail(2, "unknown command '%s' (see %s --help)", argv[1], tool);
+}
+
 uint32_t device_module_arg(const char *text)
 {
     uint32_t id = frwk_module_id(text);
@@ -197,7 +219,7 @@ long device_number_arg(const char *what, const char *text, long min, long max)
 {
     char *end;
     errno = 0;
-    long number = strtol(text, &end, 0);
+    long number = strtol(text, &end, strncasecmp(text, "0x", 2) == 0 ? 16 : 10);
     if (errno != 0 || end == text || *end != '\0' || number < min || number > max) {
         device_fail(2, "'%s' is no %s: a number from %ld to %ld", text, what, min, max);
     }

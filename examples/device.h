@@ -68,6 +68,17 @@ int device_level(const char *name);
 /* The tools' way out of a failure: one line on standard error, exit with `status`, 1 for a failure and 2 for misuse. */
 [[noreturn]] void device_fail(int status, const char *fmt, ...) FRWK_PRINTF_FORMAT(2, 3);
 
+/* A command of a tool, with the number of arguments that it takes and the function that gets them. */
+struct device_command_t {
+    const char *name;
+    int min_args;
+    int max_args;
+    int (*run)(int argc, char **argv);
+};
+
+/* Runs the command that the tool's own arguments name. @return its result; `usage` is printed for --help */
+int device_run(const device_command_t *commands, size_t count, const char *usage, int argc, char **argv);
+
 /* The tools' arguments; what is no module or no number from `min` to `max` is misuse. */
 uint32_t device_module_arg(const char *text);
 long device_number_arg(const char *what, const char *text, long min, long max);

@@ -72,11 +72,13 @@ static int tell_module(uint32_t id, int mode, int level)
     return 0;
 }
 
-static int set(const char *module, const char *mode_text, const char *level_text)
+static int set(int, char **argv)
 {
+    const char *module = argv[0];
+    const char *level_text = argv[2];
     bool all = strcmp(module, "all") == 0;
     uint32_t id = all ? uint32_t{FRWK_MODULE_MAX} : device_module_arg(module);
-    int mode = static_cast<int>(device_number_arg("mode", mode_text, 0, 3));
+    int mode = static_cast<int>(device_number_arg("mode", argv[1], 0, 3));
     int level = device_level(level_text);
     if (level < 0) {
         device_fail(2, "unknown level '%s': null, error, warning, info or debug", level_text);
@@ -149,8 +151,9 @@ static bool is_replaced(const char *path, int fd, off_t pos)
            (named.st_ino != open_file.st_ino || named.st_dev != open_file.st_dev || open_file.st_size < pos);
 }
 
-static int follow(const char *path)
+static int follow(int argc, char **argv)
 {
+    const char *path = argc > 0 ? argv[0] : "/var/log/messages";
     static char line[8192]; /* a longer line is shown in pieces */
     size_t len = 0;
     bool coloured = isatty(STDOUT_FILENO);
@@ -189,28 +192,15 @@ static int follow(const char *path)
     }
 }
 
+static const device_command_t COMMANDS[] = {
+    {"set", 3, 3, set},
+    {"follow", 0, 1, follow},
+};
+
 int main(int argc, char **argv)
 {
     if (frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr) != FRWK_ERROR_SUCCESS) {
         return 1;
     }
-    const char *verb = argc > 1 ? argv[1] : "";
-    if (argc == 1) {
-        return list();
-    }
-    if (strcmp(verb, "set") == 0 && argc == 5) {
-        return set(argv[2], argv[3], argv[4]);
-    }
-    if (strcmp(verb, "follow") == 0 && argc <= 3) {
-        return follow(argc == 3 ? argv[2] : "/var/log/messages");
-    }
-    if (strcmp(verb, "--help") == 0) {
-        fputs(USAGE, stdout);
-        return 0;
-    }
-    device_fail(2,
-                strcmp(verb, "set") == 0 || strcmp(verb, "follow") == 0
-                    ? "wrong number of arguments for '%s' (see logtool --help)"
-                    : "unknown command '%s' (see logtool --help)",
-                verb);
+    return argc == 1 ? list() : device_run(COMMANDS, sizeof COMMANDS / sizeof *COMMANDS, USAGE, argc, argv);
 }

@@ -22,27 +22,31 @@
 #include "device.h"
 #include "process.h"
 
-/* All in milliseconds, but for the misses. */
+/* Milliseconds. */
 enum {
     TICK = 200,
     PING_PERIOD = 1000,
     PING_DEADLINE = 1000,
-    PING_MISSES = 3,
-    START_GRACE = 10000, /* a module may be silent that long after its start */
-    STOP_GRACE = 3000,   /* and may take that long to end before it is killed */
-    RESTART_GRACE = 3000,
+    STOP_GRACE = 3000,    /* a module that has not ended by then is killed */
+    RESTART_GRACE = 3000, /* how long a reset waits for a module before it goes on with the next */
     BACKOFF_MIN = 500,
     BACKOFF_MAX = 30000
 };
 
+/* Pings. */
+enum {
+    MISSES_MAX = 3,     /* unanswered in a row: the module hangs */
+    MISSES_START = 10,  /* that many more before its first answer, while it starts */
+    ANSWERS_STEADY = 10 /* answered in a row: its next death is the first again */
+};
+
 struct child_t {
     uint32_t id;
-    pid_t pid;           /* 0 while it does not run */
-    int backoff;         /* pause before the next start if it dies now; doubles with each death soon after a start */
-    int misses;          /* pings in a row without an answer */
-    bool settled;        /* it has outlived START_GRACE */
-    frwk_uptime_t grace; /* when it does */
-    frwk_uptime_t due;   /* its next ping; while it does not run, its next start */
+    pid_t pid;         /* 0 while it does not run */
+    int backoff;       /* pause before the next start if it dies now; doubles with each death soon after a start */
+    int misses;        /* pings in a row without an answer */
+    int answers;       /* pings in a row with one */
+    frwk_uptime_t due; /* its next ping; while it does not run, its next start */
 };
 
 /* What a request leaves to the main thread. */
@@ -83,9 +87,8 @@ static void start(child_t *child)
     }
     FRWK_INFO("started %s, pid %d", path, pid);
     child->pid = pid;
-    child->misses = 0;
-    child->settled = false;
-    frwk_simple_timer_start(&child->grace, START_GRACE);
+    child->misses = -MISSES_START;
+    child->answers = 0;
     frwk_simple_timer_start(&child->due, PING_PERIOD);
 }
 
@@ -172,14 +175,15 @@ static void supervise(child_t *child)
         frwk_simple_timer_start(&child->due, child->backoff);
         child->backoff = child->backoff > BACKOFF_MAX / 2 ? BACKOFF_MAX : child->backoff * 2;
     } else if (frwk_simple_timer_timeout(&child->due)) {
-        child->settled = child->settled || frwk_simple_timer_timeout(&child->grace);
         bool answers = device_ping(child->id, PING_DEADLINE) == FRWK_ERROR_SUCCESS;
         child->misses = answers ? 0 : child->misses + 1;
-        if (answers && child->settled) {
+        child->answers = answers ? child->answers + 1 : 0;
+        if (child->answers == ANSWERS_STEADY) {
             child->backoff = BACKOFF_MIN;
-        } else if (child->misses >= PING_MISSES && child->settled) {
+        }
+        if (child->misses == MISSES_MAX) {
             FRWK_ERR("%s does not answer", frwk_module_name(child->id));
-            kill(child->pid, SIGKILL);
+            kill(child->pid, SIGKILL); /* the next look finds it dead */
         }
         frwk_simple_timer_start(&child->due, PING_PERIOD);
     }

@@ -40,7 +40,7 @@ static pid_t lock_holder(uint32_t id)
     return held ? lock.l_pid : 0;
 }
 
-static int show_status()
+static int show_status(int, char **)
 {
     frwk_init_app_start_cfg(); /* this process's table now says what a monitor that starts now would read */
     printf("%-14s %-8s %7s  %-10s  %-9s  %s\n", "module", "running", "pid", "status", "monitored", "start arguments");
@@ -80,15 +80,15 @@ static int ping_monitor()
     return rc;
 }
 
-static int set_service(const char *module, const char *value)
+static int set_service(int, char **argv)
 {
-    uint32_t id = device_module_arg(module);
-    bool on = strcmp(value, "on") == 0;
-    if (!on && strcmp(value, "off") != 0) {
-        device_fail(2, "'%s' is neither on nor off", value);
+    uint32_t id = device_module_arg(argv[0]);
+    bool on = strcmp(argv[1], "on") == 0;
+    if (!on && strcmp(argv[1], "off") != 0) {
+        device_fail(2, "'%s' is neither on nor off", argv[1]);
     }
     if ((g_s_modules_info[id].flags & FRWK_MODULE_FLAG_IPC) == 0 || id == FRWK_MODULE_MONITOR) {
-        device_fail(2, "%s is no module that the monitor runs", module);
+        device_fail(2, "%s is no module that the monitor runs", argv[0]);
     }
     bool monitor_runs = ping_monitor() == FRWK_ERROR_SUCCESS;
     if (frwk_set_app_monitor_conf(id, on) == FRWK_ERROR_SUCCESS) {
@@ -100,9 +100,9 @@ static int set_service(const char *module, const char *value)
     device_fail(1, "stored, but the monitor %s", monitor_runs ? "refused it" : "is not running");
 }
 
-static int set_start_cmd(const char *module, const char *text)
+static int set_start_cmd(int, char **argv)
 {
-    int rc = frwk_set_app_start_cmd(device_module_arg(module), text);
+    int rc = frwk_set_app_start_cmd(device_module_arg(argv[0]), argv[1]);
     if (rc != FRWK_ERROR_SUCCESS) {
         device_fail(1, "the start configuration cannot be changed, result %d", rc);
     }
@@ -176,16 +176,16 @@ static int send_message(int argc, char **argv)
     return result == 0 ? 0 : 1;
 }
 
-static int wait_for(const char *module, const char *seconds)
+static int wait_for(int argc, char **argv)
 {
-    uint32_t id = device_module_arg(module);
-    int limit = seconds ? static_cast<int>(device_number_arg("number of seconds", seconds, 0, WAIT_MAX)) : WAIT_DEFAULT;
+    uint32_t id = device_module_arg(argv[0]);
+    long limit = argc > 1 ? device_number_arg("number of seconds", argv[1], 0, WAIT_MAX) : long{WAIT_DEFAULT};
     frwk_uptime_t end;
-    frwk_simple_timer_start(&end, limit * 1000);
+    frwk_simple_timer_start(&end, static_cast<int>(limit) * 1000);
     int rc;
     while ((rc = device_ping(id, DEADLINE)) != FRWK_ERROR_SUCCESS) {
         if (frwk_simple_timer_timeout(&end)) {
-            device_fail(1, "%s %s after %d seconds", module, device_error(rc), limit);
+            device_fail(1, "%s %s after %ld seconds", argv[0], device_error(rc), limit);
         }
         frwk_sleep(WAIT_PERIOD);
     }
@@ -200,29 +200,26 @@ static int tell_monitor(int (*request)(uint32_t))
     return 0;
 }
 
+static int reboot_device(int, char **)
+{
+    return tell_monitor(frwk_system_reboot);
+}
+
+static int reset_services(int, char **)
+{
+    return tell_monitor(frwk_system_reset);
+}
+
+static const device_command_t COMMANDS[] = {
+    {"status", 0, 0, show_status},   {"service", 2, 2, set_service}, {"start-cmd", 2, 2, set_start_cmd},
+    {"send", 2, 5, send_message},    {"wait", 1, 2, wait_for},       {"reboot", 0, 0, reboot_device},
+    {"reset", 0, 0, reset_services},
+};
+
 int main(int argc, char **argv)
 {
     if (frwk_module_init(FRWK_MODULE_MONITOR_TOOL, nullptr) != FRWK_ERROR_SUCCESS) {
         return 1;
     }
-    const char *verb = argc > 1 ? argv[1] : "";
-    if (strcmp(verb, "status") == 0 && argc == 2) {
-        return show_status();
-    } else if (strcmp(verb, "service") == 0 && argc == 4) {
-        return set_service(argv[2], argv[3]);
-    } else if (strcmp(verb, "start-cmd") == 0 && argc == 4) {
-        return set_start_cmd(argv[2], argv[3]);
-    } else if (strcmp(verb, "send") == 0 && argc >= 4) {
-        return send_message(argc - 2, argv + 2);
-    } else if (strcmp(verb, "wait") == 0 && (argc == 3 || argc == 4)) {
-        return wait_for(argv[2], argv[3]);
-    } else if (strcmp(verb, "reboot") == 0 && argc == 2) {
-        return tell_monitor(frwk_system_reboot);
-    } else if (strcmp(verb, "reset") == 0 && argc == 2) {
-        return tell_monitor(frwk_system_reset);
-    } else if (strcmp(verb, "--help") == 0) {
-        fputs(USAGE, stdout);
-        return 0;
-    }
-    device_fail(2, "%s '%s' (see monitor_tool --help)", verb[0] == '\0' ? "a command is missing:" : "cannot do", verb);
+    return device_run(COMMANDS, sizeof COMMANDS / sizeof *COMMANDS, USAGE, argc, argv);
 }
