@@ -133,8 +133,8 @@ frwk_xml_node_t *frwk_xml_alloc_node(void)
         return nullptr;
     }
     *node = {};
-    frwk_list_init(&node->attrs);
-    frwk_list_init(&node->children);
+    node->attrs = {&node->attrs, &node->attrs};
+    node->children = {&node->children, &node->children};
     return node;
 }
 
@@ -175,7 +175,7 @@ static void splice_list(frwk_list_t *to, frwk_list_t *from)
     from->prev->next = to->next;
     to->next->prev = from->prev;
     to->next = from->next;
-    frwk_list_init(from);
+    *from = {from, from};
 }
 
 /*
@@ -187,8 +187,7 @@ void frwk_xml_free_node(frwk_xml_node_t *node)
     if (node == nullptr) {
         return;
     }
-    frwk_list_t pending;
-    frwk_list_init(&pending);
+    frwk_list_t pending = {&pending, &pending};
     for (;;) {
         free(node->name);
         free(node->value);
@@ -198,11 +197,12 @@ void frwk_xml_free_node(frwk_xml_node_t *node)
         }
         splice_list(&pending, &node->children);
         free(node);
-        if (frwk_list_empty(&pending)) {
+        if (pending.next == &pending) {
             return;
         }
         node = node_of(pending.next);
-        frwk_list_del(&node->list);
+        pending.next = node->list.next;
+        pending.next->prev = &pending;
     }
 }
 
@@ -361,33 +361,70 @@ static void fail_memory(frwk_xml_doc_t *doc)
     doc->error = ERROR_MEMORY;
 }
 
-static bool is_blank(char c)
+enum char_class : uint8_t { LETTER = 1, NAME_CHAR = 2, BLANK = 4, LOCALE = 8 };
+
+/* Bytes below 128 are classed alike in every locale; only the others are worth a call of the C library. */
+struct char_classes {
+    uint8_t of[256] = {};
+
+    constexpr char_classes()
+    {
+        for (int c = 0; c < 256; c++) {
+            bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
+            bool name_char = letter || (c >= '0' && c <= '9') || c == '_' || c == '-' || c == ':';
+            bool blank = c == ' ' || c == '\n' || c == '\t' || c == '\r';
+            of[c] = static_cast<uint8_t>((letter ? LETTER : 0) | (name_char ? NAME_CHAR : 0) | (blank ? BLANK : 0) |
+                                         (c >= 0x80 ? LOCALE : 0));
+        }
+    }
+};
+
+static constexpr char_classes classes;
+
+static uint8_t class_of(char c)
 {
-    return c == ' ' || c == '\n' || c == '\t' || c == '\r';
+    return classes.of[static_cast<unsigned char>(c)];
 }
 
-/* Bytes below 128 are classed alike in every locale; only the others are worth a call. */
+static bool is_blank(char c)
+{
+    return (class_of(c) & BLANK) != 0;
+}
+
 static bool is_letter(char c)
 {
-    unsigned char byte = static_cast<unsigned char>(c);
-    return static_cast<unsigned char>((byte | 0x20) - 'a') < 26 || (byte >= 0x80 && isalpha(byte) != 0);
+    uint8_t known = class_of(c);
+    return (known & LETTER) != 0 || ((known & LOCALE) != 0 && isalpha(static_cast<unsigned char>(c)) != 0);
 }
 
 static bool is_name_char(char c)
 {
-    unsigned char byte = static_cast<unsigned char>(c);
-    return static_cast<unsigned char>((byte | 0x20) - 'a') < 26 || static_cast<unsigned char>(byte - '0') < 10 ||
-           c == '_' || c == '-' || c == ':' || (byte >= 0x80 && isalnum(byte) != 0);
+    uint8_t known = class_of(c);
+    return (known & NAME_CHAR) != 0 || ((known & LOCALE) != 0 && isalnum(static_cast<unsigned char>(c)) != 0);
+}
+
+static uint32_t count_lines(const char *text, size_t n)
+{
+    enum { BLOCK = 128 }; /* fits the counter, and vector registers */
+    uint32_t lines = 0;
+    for (; n >= BLOCK; n -= BLOCK, text += BLOCK) {
+        uint8_t in_block = 0;
+        for (int i = 0; i < BLOCK; i++) {
+            in_block = static_cast<uint8_t>(in_block + (text[i] == '\n' ? 1 : 0));
+        }
+        lines += in_block;
+    }
+    for (const char *end = text + n; (text = static_cast<const char *>(memchr(text, '\n', n))) != nullptr; lines++) {
+        text++;
+        n = static_cast<size_t>(end - text);
+    }
+    return lines;
 }
 
 /* Moves the cursor to `end`, which lies behind it, and counts the lines that it passes. */
 static void pass_to(frwk_xml_doc_t *doc, char *end)
 {
-    char *from = doc->cursor;
-    while ((from = static_cast<char *>(memchr(from, '\n', static_cast<size_t>(end - from)))) != nullptr) {
-        doc->line++;
-        from++;
-    }
+    doc->line += count_lines(doc->cursor, static_cast<size_t>(end - doc->cursor));
     doc->cursor = end;
 }
 
@@ -395,8 +432,15 @@ static void pass_blanks(frwk_xml_doc_t *doc)
 {
     char *text = doc->cursor;
     uint32_t lines = 0;
-    for (; is_blank(*text); text++) {
-        lines += *text == '\n' ? 1 : 0;
+    for (;; text++) {
+        while (*text == ' ') {
+            text++;
+        }
+        if (*text == '\n') {
+            lines++;
+        } else if (*text != '\t' && *text != '\r') {
+            break;
+        }
     }
     doc->cursor = text;
     doc->line += lines;
@@ -463,7 +507,7 @@ int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
         return STATUS_SYNTAX;
     }
     size_t n = 1;
-    while (n <= TAG_NAME_MAX && is_name_char(name[n])) {
+    while (is_name_char(name[n])) {
         n++;
     }
     doc->cursor = name + n;
@@ -640,7 +684,11 @@ frwk_xml_attr_t *frwk_xml_read_attr(frwk_xml_doc_t *doc, uint32_t flags)
 
 int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
 {
-    while (frwk_xml_attr_t *attr = frwk_xml_read_attr(doc, flags)) {
+    while (*doc->cursor != '>') { /* where most end */
+        frwk_xml_attr_t *attr = frwk_xml_read_attr(doc, flags);
+        if (attr == nullptr) {
+            break;
+        }
         frwk_list_add(&node->attrs, &attr->list);
     }
     return doc->status;
@@ -780,22 +828,30 @@ void frwk_xml_read_dir(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
 
 void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
 {
-    char *text = doc->cursor;
+    const char *text = doc->cursor;
+    const char *name = node->name != nullptr ? node->name : "";
+    bool same = node->name != nullptr;
+    uint32_t lines = 0;
     size_t n = 0;
-    while (n <= TAG_NAME_MAX && text[n] != '>' && text[n] != '\0') {
-        n++;
+    while (text[n] == name[n] && (class_of(text[n]) & NAME_CHAR) != 0) {
+        n++; /* all of it, as a rule */
     }
-    pass_to(doc, text + n);
+    for (; n <= TAG_NAME_MAX && text[n] != '>' && text[n] != '\0'; n++) {
+        lines += text[n] == '\n' ? 1 : 0;
+        same = same && text[n] == name[n];
+    }
+    doc->cursor += n;
+    doc->line += lines;
     if (n > TAG_NAME_MAX) {
         fail(doc, ERROR_TAG_LONG);
         return;
     }
-    if (text[n] == '\0') {
+    if (*doc->cursor == '\0') {
         fail(doc, ERROR_TAG_MISMATCH);
         return;
     }
     doc->cursor++;
-    if (node->name == nullptr || strncmp(node->name, text, n) != 0 || node->name[n] != '\0') {
+    if (!same || name[n] != '\0') {
         fail(doc, ERROR_TAG_MISMATCH);
     }
 }
@@ -1099,11 +1155,6 @@ frwk_xml_doc_t *frwk_xml_file_parse(const char *path)
 {
     bool whole = false;
     return parse_file(path, &whole, false);
-}
-
-frwk_xml_doc_t *frwk_xml_file_parse_whole(const char *path, bool *whole)
-{
-    return parse_file(path, whole, false);
 }
 
 frwk_xml_doc_t *frwk_xml_file_parse_quiet(const char *path, bool *whole)
