@@ -37,8 +37,11 @@ int32_t frwk_ipc_recv_some(int fd, void *buf, int32_t least, int32_t most);
 /* Receives the rest of what came in part: all of it must be there by now. Returns as frwk_ipc_recv(). */
 int32_t frwk_ipc_recv_rest(int fd, void *buf, int32_t len);
 
-/* Writes the whole of buf; 1, or 0 when the peer is gone or does not read for 30 seconds. */
-int frwk_ipc_write_all(const int *fd, const void *buf, size_t len);
+/*
+ * Writes the whole of buf; 1, or 0 when the peer is gone or has not read for `patience` seconds (0: however long it
+ * does not).
+ */
+int frwk_ipc_write_all(const int *fd, const void *buf, size_t len, int patience);
 
 /* Starts the own module's IPC service; FRWK_ERROR_ code. */
 int frwk_ipc_run();

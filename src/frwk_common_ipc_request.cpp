@@ -53,8 +53,8 @@ static int send_frame(exchange_t *exchange, uint32_t to, int32_t body_len)
         FRWK_ERR("ipc connect to module [%s] failed!", frwk_module_label(to));
         return FRWK_ERROR_NO_MODULE;
     }
-    if (!frwk_ipc_write_all(&exchange->fd, exchange->frame,
-                            sizeof(frwk_ipc_reqhdr_t) + static_cast<size_t>(body_len))) {
+    if (!frwk_ipc_write_all(&exchange->fd, exchange->frame, sizeof(frwk_ipc_reqhdr_t) + static_cast<size_t>(body_len),
+                            0)) {
         FRWK_ERR("ipc send req msg failed!");
         return FRWK_ERROR_SEND;
     }

@@ -20,7 +20,8 @@
 enum {
     MAX_BUSY_THREADS = 20, /* a connection that meets more than these is refused: at most 21 run at once */
     HANDLER_POLL_MS = 100, /* how often a request looks for a handler that is not registered yet */
-    NO_DESCRIPTOR_PAUSE_MS = 10
+    NO_DESCRIPTOR_PAUSE_MS = 10,
+    SEND_PATIENCE_S = 30 /* peers that do not read their answers must not hold all the threads for good */
 };
 
 /* --- dispatch --------------------------------------------------------------------------------------------------- */
@@ -151,7 +152,7 @@ int frwk_msg_handle_aync(uint32_t to, uint32_t msg, const void *data, int32_t le
  * A small request and a small response stand on the thread's stack: a thread that lives for one request pays more for
  * its first use of the heap than for the whole of its copying.
  */
-enum { SMALL_BODY = 1000, SMALL_RSP = 1024 };
+enum { SMALL_BODY = 4096, SMALL_RSP = 1024 };
 
 /* A request as it is first read: the header and what came with it. */
 struct request_t {
@@ -200,7 +201,7 @@ static bool receive_large_body(connection_t *conn, const request_t *request, int
 /* Answers with the frame, all of it in one piece; `failure` is traced when the peer does not take it. */
 static bool answer(const connection_t *conn, const uint8_t *frame, size_t len, const char *failure)
 {
-    if (!frwk_ipc_write_all(&conn->fd, frame, len)) {
+    if (!frwk_ipc_write_all(&conn->fd, frame, len, SEND_PATIENCE_S)) {
         FRWK_ERR("%s", failure);
         return false;
     }

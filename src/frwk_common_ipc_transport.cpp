@@ -15,11 +15,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-enum {
-    LISTEN_BACKLOG = 5,
-    RECV_TIMEOUT_MS = 3000,
-    SEND_TIMEOUT_S = 30 /* a peer that reads nothing for so long is given up */
-};
+enum { LISTEN_BACKLOG = 5, RECV_TIMEOUT_MS = 3000 };
 
 static_assert(sizeof(frwk_ipc_reqhdr_t) == 24 && offsetof(frwk_ipc_reqhdr_t, async) == 8 &&
               offsetof(frwk_ipc_reqhdr_t, rsp_size) == 16 && offsetof(frwk_ipc_reqhdr_t, msg_len) == 20);
@@ -148,10 +144,12 @@ int32_t frwk_ipc_recv_rest(int fd, void *buf, int32_t len)
 }
 
 /* Writes what the socket did not take at once, as long as the peer goes on reading. */
-static int write_rest(int fd, const char *rest, size_t len)
+static int write_rest(int fd, const char *rest, size_t len, int patience)
 {
-    struct timeval limit = {SEND_TIMEOUT_S, 0};
-    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    if (patience > 0) {
+        struct timeval limit = {patience, 0};
+        setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    }
     while (len > 0) {
         ssize_t sent = send(fd, rest, len, MSG_NOSIGNAL);
         if (sent > 0) {
@@ -164,7 +162,7 @@ static int write_rest(int fd, const char *rest, size_t len)
     return 1;
 }
 
-int frwk_ipc_write_all(const int *fd, const void *buf, size_t len)
+int frwk_ipc_write_all(const int *fd, const void *buf, size_t len, int patience)
 {
     ssize_t sent = send(*fd, buf, len, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent < 0) {
@@ -176,5 +174,5 @@ int frwk_ipc_write_all(const int *fd, const void *buf, size_t len)
     if (static_cast<size_t>(sent) == len) {
         return 1;
     }
-    return write_rest(*fd, static_cast<const char *>(buf) + sent, len - static_cast<size_t>(sent));
+    return write_rest(*fd, static_cast<const char *>(buf) + sent, len - static_cast<size_t>(sent), patience);
 }
