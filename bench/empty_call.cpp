@@ -1,0 +1,4 @@
+#include "empty_call.h"
+
+void bench_empty_call(const char *, const char *, int, int, const char *, ...) {
+}
