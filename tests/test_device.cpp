@@ -32,17 +32,15 @@ std::string programs()
             write_file(dir + "/" + name, "#!/bin/sh\nexec " + emulator + " " DEVICE_PROGRAMS "/" + name + " \"$@\"\n");
             std::filesystem::permissions(dir + "/" + name, std::filesystem::perms::owner_all);
         }
-        for (const char *name : {"monitor", "logtool", "monitor_tool"}) {
-            std::filesystem::copy(std::string(DEVICE_PROGRAMS "/") + name, dir);
-        }
+        std::filesystem::copy(DEVICE_PROGRAMS "/monitor", dir);
     }
     return dir;
 }
 
 [[noreturn]] void become(const std::string &dir, std::vector<std::string> command)
 {
-    command[0] = dir + "/" + command[0];
     std::string emulator = DEVICE_EMULATOR;
+    command[0] = (command[0] == "monitor" ? dir : DEVICE_PROGRAMS) + "/" + command[0];
     for (size_t end = emulator.size(); end != std::string::npos && !emulator.empty();) {
         size_t start = emulator.rfind(' ', end - 1);
         command.insert(command.begin(), emulator.substr(start + 1, end - start - 1));

@@ -20,6 +20,7 @@
 #include <fstream>
 #include <iterator>
 #include <ostream>
+#include <regex>
 
 // Read by the sanitizers' runtimes: children of a test start threads, and a failed allocation is a case to test.
 extern "C" {
@@ -63,6 +64,12 @@ std::string contents(int fd)
         text.append(buf, static_cast<size_t>(n));
     }
     return text;
+}
+
+// What a process wrote to standard error, without the line that the emulator adds when a signal ends it.
+std::string errors(int fd) {
+    static const std::regex emulators("qemu: uncaught target signal [0-9]+ \\([^)]*\\) - core dumped\n");
+    return std::regex_replace(contents(fd), emulators, "");
 }
 
 // Waits for a child to end and kills it at the deadline; -1 then.
@@ -222,7 +229,7 @@ Result run_child(const std::function<void()> &body, int seconds)
     Result result;
     result.status = reap(pid, seconds * 1000);
     result.out = contents(out);
-    result.err = contents(err);
+    result.err = errors(err);
     close(out);
     close(err);
     return result;
@@ -553,7 +560,7 @@ std::string Module::out()
 
 std::string Module::err()
 {
-    return contents(memory[2]);
+    return errors(memory[2]);
 }
 
 bool Module::wait_out(const std::string &part, int ms)

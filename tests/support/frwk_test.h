@@ -27,6 +27,7 @@ void write_file(const std::string &path, const std::string &contents); // makes 
 bool exists(const std::string &path);
 int count_fds(pid_t pid);
 int count_threads(pid_t pid);
+bool emulated(); // whether this process runs in qemu, which lacks ptrace and memory limits, and has a thread of its own
 
 // ---- child processes
 
