@@ -12,10 +12,19 @@ install(EXPORT frwk NAMESPACE frwk:: FILE frwk-config.cmake DESTINATION ${packag
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/frwk-config-version.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/frwk-config-version.cmake DESTINATION ${package_dir} COMPONENT development)
 
-# The prefix is told from the place of frwk.pc, so that an installation can be moved or staged.
-cmake_path(SET pc_dir NORMALIZE ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig)
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${pc_dir} OUTPUT_VARIABLE pc_prefix)
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE pc_libdir)
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE pc_includedir)
-configure_file(cmake/frwk.pc.in ${PROJECT_BINARY_DIR}/frwk.pc @ONLY)
+# Written as it is installed, when the prefix is known for good.
+cmake_path(IS_ABSOLUTE CMAKE_INSTALL_LIBDIR absolute_libdir)
+cmake_path(IS_ABSOLUTE CMAKE_INSTALL_INCLUDEDIR absolute_includedir)
+if(NOT absolute_libdir)
+    set(pc_libdir "\${prefix}/")
+endif()
+if(NOT absolute_includedir)
+    set(pc_includedir "\${prefix}/")
+endif()
+string(APPEND pc_libdir ${CMAKE_INSTALL_LIBDIR})
+string(APPEND pc_includedir ${CMAKE_INSTALL_INCLUDEDIR})
+set(pc_prefix @CMAKE_INSTALL_PREFIX@)
+configure_file(cmake/frwk.pc.in ${PROJECT_BINARY_DIR}/frwk.pc.in @ONLY)
+install(CODE "configure_file(\"${PROJECT_BINARY_DIR}/frwk.pc.in\" \"${PROJECT_BINARY_DIR}/frwk.pc\" @ONLY)"
+    COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/frwk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)

@@ -17,7 +17,8 @@ set(sources
     frwk_common_conf.cpp
     frwk_common_start_conf.cpp
     frwk_common_log_conf.cpp
-    frwk_common_startup.cpp)
+    frwk_common_startup.cpp
+    frwk_arm_unwind.cpp)
 set(frwk_headers
     frwk.h
     frwk_defs.h
@@ -50,7 +51,7 @@ add_library(frwk::frwk ALIAS frwk)
 target_sources(frwk PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR}/include FILES ${frwk_headers})
 set_target_properties(frwk PROPERTIES
     VERSION ${PROJECT_VERSION}
-    SOVERSION ${PROJECT_VERSION_MAJOR}
+    SOVERSION 0
     CXX_STANDARD 17
     CXX_STANDARD_REQUIRED ON
     CXX_EXTENSIONS OFF
@@ -70,8 +71,10 @@ target_compile_options(frwk PRIVATE
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=
     -ffile-prefix-map=${PROJECT_BINARY_DIR}/=)
 
-# No -Bsymbolic: executables hold copies of the exported tables, and both sides must use the same one.
+# Calls inside the library are bound at once. Not so -Bsymbolic itself: executables hold copies of the exported tables,
+# and both sides must use the same one.
 target_link_options(frwk PRIVATE
+    LINKER:-Bsymbolic-functions
     LINKER:--version-script=${linker_script}
     LINKER:--gc-sections
     LINKER:--as-needed
