@@ -6,8 +6,8 @@
 #define FRWK_DEFS_H
 
 #ifdef __cplusplus
-#define FRWK_BEGIN_DECLS extern "C" {
-#define FRWK_END_DECLS }
+#define FRWK_BEGIN_DECLS extern "C" { /**< Begins declarations with C linkage. */
+#define FRWK_END_DECLS }              /**< Ends them. */
 #else
 #define FRWK_BEGIN_DECLS
 #define FRWK_END_DECLS

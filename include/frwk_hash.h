@@ -58,7 +58,9 @@ FRWK_API frwk_hash_value_t frwk_hash_value_string(const char *text, int copy);
 
 /**
  * Stores a value under a key; an older value is released, the entry and its place stay.
- * @param key  text, not null, copied
+ * @param handle  table
+ * @param key     text, not null, copied
+ * @param value   taken over by the table on success
  * @return the entry; null when memory is short or the handle is invalid, the value then stays the caller's
  */
 FRWK_API frwk_hash_entry_t *frwk_hash_enter(int handle, const char *key, frwk_hash_value_t value);

@@ -16,8 +16,8 @@ FRWK_BEGIN_DECLS
 
 /** A list head, or the link inside an element. */
 typedef struct frwk_list {
-    struct frwk_list *next;
-    struct frwk_list *prev;
+    struct frwk_list *next; /**< Of a head the first element, of the last element the head. */
+    struct frwk_list *prev; /**< Of a head the last element, of the first element the head. */
 } frwk_list_t;
 
 /** Makes `head` an empty list. */

@@ -2,9 +2,13 @@
  * @file frwk_trace.h
  * Trace lines, assertions, and the trace settings kept in `/usrdata/odm/log_conf.xml`.
  *
- * A line is printed when the process's threshold is at least the line's level. It goes to the system log as
- * `level|file|function|line::message`, or to standard output as
- * `[module]YYYY-MM-DD HH:MM:SS|level|file|function|line::message` and a newline. Lines are cut at 1,023 characters.
+ * A line is printed when the process's threshold is at least the line's level. It goes to the system log, or
+ * with the module's name, the time, and a newline to standard output:
+ * @verbatim
+level|file|function|line::message
+[module]YYYY-MM-DD HH:MM:SS|level|file|function|line::message
+   @endverbatim
+ * Lines are cut at 1,023 characters.
  */
 #ifndef FRWK_TRACE_H
 #define FRWK_TRACE_H

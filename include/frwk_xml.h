@@ -48,7 +48,7 @@ typedef struct frwk_xml_node {
 
 /** An attribute of an element. */
 typedef struct {
-    char *name;
+    char *name;       /**< Its own, from malloc(), as is the value. */
     char *value;      /**< Decoded. */
     frwk_list_t list; /**< Link in the element's `attrs`. */
 } frwk_xml_attr_t;
