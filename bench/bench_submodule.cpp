@@ -1,0 +1,241 @@
+// Messages between threads of one process: the submodule queue against its plain form, GLib's queue and ZeroMQ.
+#include <glib.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "frwk.h"
+#include "growth.h"
+
+namespace {
+
+constexpr unsigned SENDERS = 4;
+
+struct Payload { // 32 bytes of message
+    uint32_t sender;
+    uint32_t sequence;
+    char text[24];
+};
+
+// What the receiving side of a contender has seen. One thread receives; the main one waits until all has come.
+struct Inbox {
+    size_t wanted = 0;
+    std::atomic<size_t> count{0};
+    uint32_t next[SENDERS] = {};
+    sem_t all_there;
+
+    Inbox() { sem_init(&all_there, 0, 0); }
+    void expect(size_t n) {
+        wanted = n;
+        count = 0;
+        std::fill(next, next + SENDERS, 0U);
+    }
+    void take(const Payload &payload) {
+        CHECK(payload.sequence == next[payload.sender]); // none lost, none twice, each sender's in order
+        next[payload.sender]++;
+        size_t so_far = count.load(std::memory_order_relaxed) + 1;
+        count.store(so_far, std::memory_order_relaxed);
+        if (so_far == wanted) {
+            sem_post(&all_there);
+        }
+    }
+};
+
+// ---- the floor: lock, append, post for every message; the receiver locks for every message as well
+
+struct FloorQueue {
+    frwk_list_t head = {&head, &head};
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    sem_t posted;
+    Inbox inbox;
+
+    FloorQueue() {
+        sem_init(&posted, 0, 0);
+        std::thread([this] { receive(); }).detach();
+    }
+    void send(uint32_t, const Payload &payload) {
+        size_t size = sizeof(frwk_submodule_msg_t) + sizeof payload;
+        frwk_submodule_msg_t *message = static_cast<frwk_submodule_msg_t *>(calloc(1, size));
+        message->len = sizeof payload;
+        memcpy(message->data, &payload, sizeof payload);
+        pthread_mutex_lock(&lock);
+        message->node = {&head, head.prev};
+        head.prev->next = &message->node;
+        head.prev = &message->node;
+        pthread_mutex_unlock(&lock);
+        sem_post(&posted);
+    }
+    frwk_submodule_msg_t *pop() {
+        frwk_submodule_msg_t *message = nullptr;
+        pthread_mutex_lock(&lock);
+        if (head.next != &head) {
+            message = frwk_list_entry(head.next, frwk_submodule_msg_t, node);
+            head.next = message->node.next;
+            head.next->prev = &head;
+        }
+        pthread_mutex_unlock(&lock);
+        return message;
+    }
+    void receive() {
+        for (;;) {
+            sem_wait(&posted);
+            while (frwk_submodule_msg_t *message = pop()) {
+                Payload payload;
+                memcpy(&payload, message->data, sizeof payload);
+                inbox.take(payload);
+                free(message);
+            }
+        }
+    }
+};
+
+// ---- the library: a submodule for every configuration, since none can be ended
+
+Inbox our_inbox;
+std::atomic<bool> gate_open{true}; // while closed, the callback waits: a queue fills up
+
+void our_callback(frwk_submodule_msg_t *message) {
+    while (!gate_open.load(std::memory_order_acquire)) {
+        sched_yield();
+    }
+    Payload payload;
+    memcpy(&payload, message->data, sizeof payload);
+    our_inbox.take(payload);
+    free(message);
+}
+
+struct OurQueue {
+    uint32_t sid;
+    Inbox &inbox = our_inbox;
+    explicit OurQueue(uint32_t id) : sid(id) { frwk_submodule_create(sid, our_callback); }
+    void send(uint32_t from, const Payload &payload) {
+        CHECK(frwk_submodule_send(from, sid, 1, &payload, sizeof payload) == FRWK_ERROR_SUCCESS);
+    }
+};
+
+struct GlibQueue {
+    GAsyncQueue *queue = g_async_queue_new();
+    Inbox inbox;
+    GlibQueue() {
+        std::thread([this] {
+            for (;;) {
+                gpointer message = g_async_queue_pop(queue);
+                inbox.take(*static_cast<Payload *>(message));
+                g_free(message);
+            }
+        }).detach();
+    }
+    void send(uint32_t, const Payload &payload) { g_async_queue_push(queue, g_memdup2(&payload, sizeof payload)); }
+};
+
+struct ZmqQueue {
+    void *context = zmq_ctx_new();
+    void *receiver = zmq_socket(context, ZMQ_PULL);
+    void *senders[SENDERS];
+    Inbox inbox;
+    explicit ZmqQueue(uint32_t sid) {
+        std::string address = "inproc://queue" + std::to_string(sid);
+        int no_limit = 0;
+        zmq_setsockopt(receiver, ZMQ_RCVHWM, &no_limit, sizeof no_limit);
+        CHECK(zmq_bind(receiver, address.c_str()) == 0);
+        for (void *&sender : senders) {
+            sender = zmq_socket(context, ZMQ_PUSH);
+            zmq_setsockopt(sender, ZMQ_SNDHWM, &no_limit, sizeof no_limit);
+            CHECK(zmq_connect(sender, address.c_str()) == 0);
+        }
+        std::thread([this] {
+            for (;;) {
+                Payload payload;
+                CHECK(zmq_recv(receiver, &payload, sizeof payload, 0) == sizeof payload);
+                inbox.take(payload);
+            }
+        }).detach();
+    }
+    void send(uint32_t from, const Payload &payload) {
+        CHECK(zmq_send(senders[from], &payload, sizeof payload, 0) == sizeof payload);
+    }
+};
+
+// ---- measuring
+
+// From the first send to the receipt of the last message.
+template <typename Queue> std::function<double(size_t)> batch(Queue *queue, unsigned senders) {
+    return [queue, senders](size_t n) {
+        queue->inbox.expect(n);
+        auto send_share = [&](uint32_t sender) {
+            Payload payload = {sender, 0, "state of the link"};
+            for (; payload.sequence < n / senders; payload.sequence++) {
+                queue->send(sender, payload);
+            }
+        };
+        double start = bench::now_ns();
+        std::vector<std::thread> others;
+        for (uint32_t sender = 1; sender < senders; sender++) {
+            others.emplace_back(send_share, sender);
+        }
+        send_share(0);
+        sem_wait(&queue->inbox.all_there);
+        double spent = bench::now_ns() - start;
+        for (std::thread &other : others) {
+            other.join();
+        }
+        return spent;
+    };
+}
+
+void run_on(int cores, uint32_t sid) {
+    bench::use_cores(cores); // the receiving threads inherit it
+    auto floor = new FloorQueue; // all live as long as the threads that wait on them: to the end
+    auto ours = new OurQueue(sid);
+    auto glib = new GlibQueue;
+    auto zmq = new ZmqQueue(sid);
+    for (unsigned senders : {1U, SENDERS}) {
+        bench::run({"a message, " + std::to_string(senders) + (senders == 1 ? " sender, " : " senders, ") +
+                        std::to_string(cores) + (cores == 1 ? " core" : " cores"),
+                    {bench::floor_of(batch(floor, senders)),
+                     bench::ours_of(batch(ours, senders)),
+                     {"GAsyncQueue", batch(glib, senders)},
+                     {"ZeroMQ inproc", batch(zmq, senders)}},
+                    0.25, 0, "", 0, senders});
+    }
+}
+
+OurQueue *gated;
+
+// A queue filled while its receiver stands still, then emptied.
+void fill_and_drain(benchmark::State &state) {
+    size_t n = static_cast<size_t>(state.range(0));
+    double sending = 0, draining = 0;
+    for (auto _ : state) {
+        our_inbox.expect(n);
+        gate_open = false;
+        double start = bench::now_ns();
+        for (Payload payload = {0, 0, "state of the link"}; payload.sequence < n; payload.sequence++) {
+            gated->send(0, payload);
+        }
+        double full = bench::now_ns();
+        gate_open = true;
+        sem_wait(&our_inbox.all_there);
+        sending += full - start;
+        draining += bench::now_ns() - full;
+    }
+    double messages = static_cast<double>(n * state.iterations());
+    state.counters["ns a send"] = sending / messages;
+    state.counters["ns a receipt"] = draining / messages;
+}
+BENCHMARK(fill_and_drain)->Name("queue filled, then emptied")->RangeMultiplier(10)->Range(1, 1000000)->UseRealTime()->MinTime(0.1);
+
+} // namespace
+
+int main() {
+    bench::report();
+    CHECK(frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr) == FRWK_ERROR_SUCCESS);
+    bench::print_header("### Submodules: messages of 32 bytes, from the first send to the last receipt");
+    run_on(1, 0);
+    run_on(2, 1);
+    gated = new OurQueue(2);
+    bench::run_growth();
+    return 0;
+}
