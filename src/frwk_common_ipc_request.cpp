@@ -10,7 +10,6 @@
 #include <errno.h>
 #include <stdlib.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 enum { NOTIFY_TIMEOUT_S = 3, STATUS_TIMEOUT_S = 3 };
@@ -61,47 +60,58 @@ static int send_frame(exchange_t *exchange, uint32_t to, int32_t body_len)
     return FRWK_ERROR_SUCCESS;
 }
 
-/*
- * One blocking read of the response header, and with it of as much data as is there already and fits; made again when
- * a signal ended it before anything came. The number of data bytes read, -1 when the header did not come whole.
- */
-static int32_t read_header(int fd, frwk_ipc_rsphdr_t *rsphdr, void *data, int32_t size)
+/* A response as it is first read: the header, and with it the data where it is small. */
+enum { SMALL_RSP = 1016 };
+struct response_t {
+    frwk_ipc_rsphdr_t hdr;
+    uint8_t data[SMALL_RSP];
+};
+
+/* One blocking read, made again when a signal ended it before anything came. */
+static ssize_t read_socket(int fd, void *buf, size_t size)
 {
-    struct iovec parts[2] = {{rsphdr, sizeof *rsphdr}, {data, static_cast<size_t>(size)}};
     ssize_t got;
     do {
-        got = readv(fd, parts, size > 0 ? 2 : 1);
+        got = recv(fd, buf, size, 0);
     } while (got < 0 && errno == EINTR);
-    if (got < static_cast<ssize_t>(sizeof *rsphdr)) {
+    return got;
+}
+
+/* Reads the header and at most `most` bytes of data; the number of those, -1 when the header did not come whole. */
+static int32_t read_header(int fd, response_t *response, int32_t most)
+{
+    ssize_t got = read_socket(fd, response, sizeof response->hdr + static_cast<size_t>(most));
+    if (got < static_cast<ssize_t>(sizeof response->hdr)) {
         FRWK_ERR("ipc recv rsp header failed!");
         return -1;
     }
-    return static_cast<int32_t>(got - static_cast<ssize_t>(sizeof *rsphdr));
+    return static_cast<int32_t>(got - static_cast<ssize_t>(sizeof response->hdr));
 }
 
 /* Reads on until the announced length is there; more than that, or less at the end, is a failure. */
 static bool read_data(int fd, uint8_t *rsp, int32_t rsp_size, int32_t have, int32_t announced)
 {
     while (have < announced) {
-        ssize_t got = recv(fd, rsp + have, static_cast<size_t>(rsp_size - have), 0);
-        if (got > 0) {
-            have += static_cast<int32_t>(got);
-        } else if (got == 0 || errno != EINTR) {
+        ssize_t got = read_socket(fd, rsp + have, static_cast<size_t>(rsp_size - have));
+        if (got <= 0) {
             return false;
         }
+        have += static_cast<int32_t>(got);
     }
     return have == announced;
 }
 
 static int read_response(int fd, uint8_t *rsp, int32_t rspsize, int32_t *result)
 {
-    frwk_ipc_rsphdr_t rsphdr;
-    int32_t have = read_header(fd, &rsphdr, rsp, rspsize);
+    response_t response;
+    const frwk_ipc_rsphdr_t &rsphdr = response.hdr;
+    int32_t have = read_header(fd, &response, rspsize <= SMALL_RSP ? rspsize : 0);
     if (have < 0) {
         return FRWK_ERROR_RECV;
     }
     if (rsphdr.msg_len > 0) {
         FRWK_ASSERT(rsphdr.msg_len <= rspsize);
+        memcpy_s(rsp, static_cast<size_t>(rspsize), response.data, static_cast<size_t>(have));
         if (!read_data(fd, rsp, rspsize, have, rsphdr.msg_len)) {
             FRWK_ERR("ipc recv rsp data failed!");
             return FRWK_ERROR_RECV;
@@ -172,8 +182,8 @@ int frwk_ipc_send_async(uint32_t to, uint32_t msg, const void *data, int32_t len
     pthread_cleanup_push(end_exchange, &exchange);
     rc = send_frame(&exchange, to, len);
     if (rc == FRWK_ERROR_SUCCESS) {
-        frwk_ipc_rsphdr_t acknowledgement;
-        rc = read_header(exchange.fd, &acknowledgement, nullptr, 0) == 0 ? FRWK_ERROR_SUCCESS : FRWK_ERROR_RECV;
+        response_t acknowledgement;
+        rc = read_header(exchange.fd, &acknowledgement, 0) == 0 ? FRWK_ERROR_SUCCESS : FRWK_ERROR_RECV;
     }
     pthread_cleanup_pop(1);
     return rc == FRWK_ERROR_SUCCESS ? FRWK_ERROR_ASYNC : rc;
