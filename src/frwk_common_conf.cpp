@@ -18,7 +18,7 @@
 
 #define CONF_DIR "/usrdata/odm"
 
-enum { TEXT_SIZE = 256, LOCK_WAIT_MS = 3000, LOCK_POLL_US = 1000, LOOKS = 3, FILE_MODE = 0666 };
+enum { TEXT_SIZE = 256, LOCK_WAIT_MS = 3000, LOCK_POLL_US = 1000, LOOKS = 2, FILE_MODE = 0666 };
 
 static void make_directory()
 {

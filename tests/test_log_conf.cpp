@@ -154,7 +154,7 @@ TEST(LogConf, FileCannotBeCreated)
 std::string started(uint32_t id)
 {
     Result result = run_child([id] {
-        ASSERT_EQ(0, frwk_module_init(id, nullptr));
+        be_module(id);
         printf("%d %d", frwk_get_module_debug_mode(), frwk_get_module_level());
     });
     EXPECT_TRUE(result.ok()) << result;

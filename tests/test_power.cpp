@@ -22,7 +22,7 @@ namespace {
 std::string settings()
 {
     Result result = run_child([] {
-        ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_QTI, nullptr));
+        be_module(FRWK_MODULE_QTI);
         frwk_init_app_start_cfg();
         const char *cmd = g_s_modules_info[FRWK_MODULE_QTI].start_cmd;
         printf("%d %d %d %s", frwk_get_module_debug_mode(), frwk_get_module_level(),
@@ -32,11 +32,13 @@ std::string settings()
     return result.out;
 }
 
-enum Stepped { ENDED, KILLED, UNTRACEABLE };
+constexpr int UNTRACEABLE = -1;
 
-// Runs `body` in a child that is killed as it enters its n-th system call.
-Stepped kill_at(int n, const std::function<void()> &body)
+// Runs `body` in a child. As it enters its n-th system call, before the call has any effect, `act` is done; `*reached`
+// tells whether there were as many. Returns the child's wait status.
+int step(int n, const std::function<void()> &body, const std::function<void(pid_t)> &act, bool *reached)
 {
+    *reached = false;
     fflush(nullptr);
     pid_t pid = fork();
     if (pid == 0) {
@@ -58,7 +60,8 @@ Stepped kill_at(int n, const std::function<void()> &body)
     bool entering = false;
     for (long deliver = 0; WIFSTOPPED(status);) {
         if (entering && --n == 0) {
-            kill(pid, SIGKILL); // before the call has any effect
+            *reached = true;
+            act(pid);
         }
         ptrace(PTRACE_SYSCALL, pid, nullptr, deliver);
         waitpid(pid, &status, 0);
@@ -66,7 +69,7 @@ Stepped kill_at(int n, const std::function<void()> &body)
         entering = call && !entering;
         deliver = WIFSTOPPED(status) && !call ? WSTOPSIG(status) : 0;
     }
-    return WIFSIGNALED(status) ? KILLED : ENDED;
+    return status;
 }
 
 struct Files {
@@ -92,76 +95,102 @@ Files with_settings()
     return {read_file(LOG), "", read_file(START), ""};
 }
 
-TEST(Power, KilledAtEverySystemCall)
+struct Change {
+    const char *name;
+    Files before;
+    std::function<int()> change;
+    std::string old_settings;
+    std::string new_settings;
+};
+
+// Kills each change at each of its system calls: the old settings or the new ones are found, and `follow_up`, a later
+// change that is not cut off, makes of the file at `path` what it makes of the old one or of the new one.
+void kill_everywhere(const std::vector<Change> &changes, const std::string &path, const std::function<int()> &follow_up)
 {
-    const auto log = [] { return frwk_set_trace_info(FRWK_MODULE_QTI, 2, "debug"); };
-    const auto all = [] { return frwk_all_set_trace_info(2, "error"); };
-    const auto cmd = [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "new"); };
-    const auto flag = [] { return frwk_set_app_monitor_conf(FRWK_MODULE_MBIMD, 0) + 1; }; // no monitor runs
-    const Files set = with_settings();
-    const Files none;
-    const Files cut_off = {set.log.substr(0, set.log.find("<mbimd>")), set.log, "", set.start};
-    const struct {
-        const char *name;
-        const Files &before;
-        std::function<int()> change;
-        std::string old_settings;
-        std::string new_settings;
-    } rows[] = {
-        {"trace settings", set, log, "1 4 1 old", "2 8 1 old"},
-        {"first trace settings", none, log, "0 0 1 -", "2 8 1 -"},
-        {"trace settings after a cut-off save", cut_off, log, "1 4 1 old", "2 8 1 old"},
-        {"all trace settings", set, all, "1 4 1 old", "2 1 1 old"},
-        {"first trace settings of all", none, all, "0 0 1 -", "2 1 1 -"},
-        {"default trace settings", set, frwk_init_log_cfg_info, "1 4 1 old", "0 0 1 old"},
-        {"start arguments", set, cmd, "1 4 1 old", "1 4 1 new"},
-        {"first start arguments", none, cmd, "0 0 1 -", "0 0 1 new"},
-        {"start arguments after a cut-off save", cut_off, cmd, "1 4 1 old", "1 4 1 new"},
-        {"supervision flag", set, flag, "1 4 1 old", "1 4 0 old"},
-        {"first supervision flag", none, flag, "0 0 1 -", "0 0 0 -"},
-        {"default start configuration", set, frwk_init_app_start_cfg_file, "1 4 1 old", "1 4 1 -"},
+    const auto followed_up = [&] {
+        EXPECT_EQ(0, follow_up());
+        for (const std::string &name : listing()) {
+            EXPECT_EQ("xml", name.substr(name.rfind('.') + 1)) << "no backup stays";
+        }
+        return read_file(path);
     };
-    // What a setter that is not cut off then makes of the files.
-    const auto follow_up = [] {
-        EXPECT_EQ(0, frwk_set_trace_info(FRWK_MODULE_MONITOR, 2, "warning"));
-        EXPECT_EQ(0, frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "x"));
-        EXPECT_EQ(2U, listing().size()) << "no backup stays";
-        return read_file(LOG) + read_file(START);
-    };
-    int kills = 0;
-    for (const auto &row : rows) {
+    for (const Change &row : changes) {
         SCOPED_TRACE(row.name);
         restore(row.before);
         EXPECT_EQ(row.old_settings, settings());
-        const std::string followed_old = follow_up();
+        const std::string followed_old = followed_up();
         restore(row.before);
         EXPECT_EQ(0, row.change());
         EXPECT_EQ(row.new_settings, settings());
-        const std::string followed_new = follow_up();
+        const std::string followed_new = followed_up();
 
-        for (int n = 1;; n++) {
+        bool reached = true;
+        for (int n = 1; reached && !::testing::Test::HasFailure(); n++) {
             SCOPED_TRACE(n);
             restore(row.before);
-            Stepped stepped = kill_at(n, [&] { row.change(); });
-            if (stepped == UNTRACEABLE) {
+            int status = step(
+                n, [&] { row.change(); }, [](pid_t pid) { kill(pid, SIGKILL); }, &reached);
+            if (status == UNTRACEABLE) {
                 GTEST_SKIP() << "processes cannot be traced here";
             }
-            if (stepped == ENDED) {
-                EXPECT_GT(n, 20);
-                break;
-            }
-            kills++;
+            EXPECT_EQ(reached, WIFSIGNALED(status));
+            EXPECT_TRUE(reached || n > 20) << "the change was not traced to its end";
             std::string found = settings();
             EXPECT_TRUE(found == row.old_settings || found == row.new_settings) << found;
-            std::string followed = follow_up();
-            EXPECT_TRUE(followed == followed_old || followed == followed_new) << followed;
-            EXPECT_EQ(found == row.old_settings ? followed_old : followed_new, followed);
-            if (HasFailure()) {
-                return;
-            }
+            EXPECT_EQ(found == row.old_settings ? followed_old : followed_new, followed_up());
         }
     }
-    printf("%d kills\n", kills);
+}
+
+TEST(Power, TraceSettingsKilledAtEverySystemCall)
+{
+    const auto one = [] { return frwk_set_trace_info(FRWK_MODULE_QTI, 2, "debug"); };
+    const auto all = [] { return frwk_all_set_trace_info(2, "error"); };
+    const Files set = with_settings();
+    const Files cut_off = {set.log.substr(0, set.log.find("<mbimd>")), set.log, set.start, ""};
+    kill_everywhere({{"one module", set, one, "1 4 1 old", "2 8 1 old"},
+                     {"first", {}, one, "0 0 1 -", "2 8 1 -"},
+                     {"after a cut-off save", cut_off, one, "1 4 1 old", "2 8 1 old"},
+                     {"all modules", set, all, "1 4 1 old", "2 1 1 old"},
+                     {"default", set, frwk_init_log_cfg_info, "1 4 1 old", "0 0 1 old"}},
+                    LOG, [] { return frwk_set_trace_info(FRWK_MODULE_MONITOR, 2, "warning"); });
+}
+
+TEST(Power, StartConfigurationKilledAtEverySystemCall)
+{
+    const auto cmd = [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "new"); };
+    const auto flag = [] { return frwk_set_app_monitor_conf(FRWK_MODULE_MBIMD, 0) + 1; }; // no monitor runs
+    const Files set = with_settings();
+    const Files cut_off = {set.log, "", "", set.start};
+    kill_everywhere({{"start arguments", set, cmd, "1 4 1 old", "1 4 1 new"},
+                     {"first", {}, cmd, "0 0 1 -", "0 0 1 new"},
+                     {"after a cut-off save", cut_off, cmd, "1 4 1 old", "1 4 1 new"},
+                     {"supervision flag", set, flag, "1 4 1 old", "1 4 0 old"},
+                     {"default", set, frwk_init_app_start_cfg_file, "1 4 1 old", "1 4 1 -"}},
+                    START, [] { return frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "x"); });
+}
+
+// A reader that finds a piece looks for the backup; by then the save may have ended.
+TEST(Power, SaveEndsWhileRead)
+{
+    const std::string whole = "<root><mbimd><monitor_service>0</monitor_service></mbimd></root>"; // built in: 1
+    for (const std::string &piece : {std::string(), whole.substr(0, 15), std::string("<root>")}) {
+        bool reached = true;
+        for (int n = 1; reached; n++) {
+            SCOPED_TRACE(piece + " " + std::to_string(n));
+            restore({"", "", piece, whole});
+            const auto end_save = [&](pid_t) {
+                write_file(START, whole);
+                std::filesystem::remove(START + ".bak");
+            };
+            int status = step(
+                n, [] { _exit(frwk_get_app_monitor_conf(FRWK_MODULE_MBIMD)); }, end_save, &reached);
+            if (status == UNTRACEABLE) {
+                GTEST_SKIP() << "processes cannot be traced here";
+            }
+            EXPECT_EQ(0, status);
+        }
+    }
 }
 
 // Each writer counts its own setting up: what is read lies between what was done by then and what was begun since.

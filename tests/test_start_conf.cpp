@@ -210,7 +210,7 @@ TEST(StartConf, QueryAndLoad)
             static char cmd[] = "built-in";
             frwk_module_info_t &qti = g_s_modules_info[FRWK_MODULE_QTI];
             qti.start_cmd = cmd;
-            ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_MONITOR, nullptr));
+            be_module(FRWK_MODULE_MONITOR);
             printf("%d %s", qti.flags, qti.start_cmd != nullptr ? qti.start_cmd : "(null)");
             EXPECT_EQ((qti.flags & FRWK_MODULE_FLAG_MONITOR_SERVICE) != 0, frwk_get_app_monitor_conf(FRWK_MODULE_QTI));
         });

@@ -73,6 +73,13 @@ inline Outcome call(const std::function<int()> &body)
     return outcome;
 }
 
+// Starts this process as a module without the IPC service, which has no part in this and would start a thread.
+inline void be_module(uint32_t id)
+{
+    g_s_modules_info[id].flags &= ~FRWK_MODULE_FLAG_IPC;
+    ASSERT_EQ(0, frwk_module_init(id, nullptr));
+}
+
 // The directory's lock, tried once.
 struct Lock {
     Lock() : fd(open(DIR.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), held(flock(fd, LOCK_EX | LOCK_NB) == 0)
