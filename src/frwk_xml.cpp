@@ -67,8 +67,7 @@ static void replace_text(char **owned, char *text)
     *owned = text;
 }
 
-/* ==================================================== The model ====================================================
- */
+/* ======================================= The model ======================================== */
 
 enum xml_error : uint32_t {
     ERROR_NONE,
@@ -335,7 +334,7 @@ int frwk_xml_set_node_append(frwk_xml_node_t *parent, const char *name, const ch
     return node != nullptr ? frwk_xml_set_node_value(node, value) : frwk_xml_node_append(parent, name, value);
 }
 
-/* ==================================================== The parser ===================================================
+/* ======================================= The parser =======================================
  *
  * The state of a parse is the document: `cursor`, `line`, `status`, `error`, `node_count`. Runs of text are found with
  * the C library's searches and copied whole. On an error the cursor stays at the character that raised it, and `line`
@@ -456,8 +455,7 @@ static void take_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end, ch
     }
 }
 
-/* ------------------------------------------------- Entity references ------------------------------------------------
- */
+/* ----------------------------------- Entity references ------------------------------------ */
 
 /* Only the first n characters of a reference's name are compared, and with as many of the entity's. */
 static char entity_char(const char *name, size_t n)
@@ -496,8 +494,7 @@ static char *close_reference(char *amp, char *out, char *semicolon)
     return amp + 1;
 }
 
-/* ------------------------------------------------------- Names ------------------------------------------------------
- */
+/* ----------------------------------------- Names ------------------------------------------ */
 
 int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
 {
@@ -528,8 +525,7 @@ int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
     return STATUS_OK;
 }
 
-/* ---------------------------------------------------- Attributes ----------------------------------------------------
- */
+/* --------------------------------------- Attributes --------------------------------------- */
 
 /* An attribute while it is read. */
 struct attr_text {
@@ -694,8 +690,7 @@ int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
     return doc->status;
 }
 
-/* ------------------------------------------------------- Text -------------------------------------------------------
- */
+/* ------------------------------------------ Text ------------------------------------------ */
 
 /* Fails at a character of the run that begins at the cursor. */
 static void fail_at(frwk_xml_doc_t *doc, char *where, xml_error error)
@@ -784,8 +779,7 @@ void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
     }
 }
 
-/* ---------------------------------- Comments, declarations, directives, closing tags --------------------------------
- */
+/* -------------------- Comments, declarations, directives, closing tags -------------------- */
 
 /* The text from the cursor up to the first `mark` becomes the node's value. */
 static void read_until(frwk_xml_doc_t *doc, frwk_xml_node_t *node, const char *mark, xml_error if_missing)
@@ -856,8 +850,7 @@ void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
     }
 }
 
-/* ----------------------------------------------- Elements and content ----------------------------------------------
- */
+/* ---------------------------------- Elements and content ---------------------------------- */
 
 /* Reads a start tag behind its "<"; returns whether content follows: no error, and not an empty-element tag. */
 static bool read_start_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
@@ -1040,8 +1033,7 @@ void frwk_xml_read_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flag
     }
 }
 
-/* ------------------------------------------------- Texts and files -------------------------------------------------
- */
+/* ------------------------------------ Texts and files ------------------------------------- */
 
 /* The messages of the parse are those of the public call, whichever way it is entered. */
 #define TRACE_UNLESS(quiet, func, ...)                                                                                 \
@@ -1162,7 +1154,7 @@ frwk_xml_doc_t *frwk_xml_file_parse_quiet(const char *path, bool *whole)
     return parse_file(path, whole, true);
 }
 
-/* ==================================================== The writers ==================================================
+/* ====================================== The writers =======================================
  *
  * The layout of a node stands once; the two writers differ in where the text goes and in two details of a node.
  */
@@ -1358,8 +1350,7 @@ static void put_tree(const xml_sink *sink, void *out, frwk_xml_node_t *top, uint
     }
 }
 
-/* -------------------------------------------------- Stream writer --------------------------------------------------
- */
+/* ------------------------------------- Stream writer -------------------------------------- */
 
 static FILE *stream_of(void *out)
 {
@@ -1422,8 +1413,7 @@ int frwk_xml_write_node(frwk_xml_writer_t *w, frwk_xml_node_t *node, uint32_t fl
     return w->result;
 }
 
-/* -------------------------------------------------- Buffer writer --------------------------------------------------
- */
+/* ------------------------------------- Buffer writer -------------------------------------- */
 
 enum { ESCAPE_ROOM = 8, INDENT_ROOM = 4 };
 
@@ -1519,8 +1509,7 @@ int frwk_xml_cache_save(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags)
     return 0;
 }
 
-/* ------------------------------------------------------- Save -------------------------------------------------------
- */
+/* ------------------------------------------ Save ------------------------------------------ */
 
 enum { BACKUP_PATH_SIZE = 512 };
 
