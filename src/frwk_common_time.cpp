@@ -55,17 +55,23 @@ int frwk_time_diff(const frwk_uptime_t *a, const frwk_uptime_t *b)
     return static_cast<int32_t>(sec_part + static_cast<uint32_t>(usec_part));
 }
 
+/* Unsigned, since ARM without a divider would need a second routine for signed numbers. */
+static uint8_t wrap_field(int value, unsigned int limit)
+{
+    return static_cast<uint8_t>(static_cast<unsigned int>(value) % limit);
+}
+
 void frwk_get_systime(frwk_systime_t *now)
 {
     time_t seconds = time(nullptr);
     struct tm tm = {};
     localtime_r(&seconds, &tm);
-    now->sec = static_cast<uint8_t>(tm.tm_sec % 60);
-    now->min = static_cast<uint8_t>(tm.tm_min % 60);
-    now->hour = static_cast<uint8_t>(tm.tm_hour % 24);
-    now->mday = static_cast<uint8_t>(tm.tm_mday % 32);
-    now->mon = static_cast<uint8_t>((tm.tm_mon + 1) % 13);
-    now->wday = static_cast<uint8_t>(tm.tm_wday % 7);
+    now->sec = wrap_field(tm.tm_sec, 60);
+    now->min = wrap_field(tm.tm_min, 60);
+    now->hour = wrap_field(tm.tm_hour, 24);
+    now->mday = wrap_field(tm.tm_mday, 32);
+    now->mon = wrap_field(tm.tm_mon + 1, 13);
+    now->wday = wrap_field(tm.tm_wday, 7);
     now->year = static_cast<uint16_t>(tm.tm_year + 1900);
 }
 

@@ -167,7 +167,7 @@ int frwk_hash_create(int size)
         return -1;
     }
     table->count = bucket_count(size);
-    table->reciprocal = static_cast<uint32_t>((UINT64_C(1) << 32) / table->count);
+    table->reciprocal = UINT32_MAX / table->count; /* without the division of 64 bits that ARM lacks */
     table->buckets = static_cast<frwk_hash_entry_t **>(calloc(table->count, sizeof(frwk_hash_entry_t *)));
     if (table->buckets == nullptr) {
         FRWK_ERR("alloc error!");
