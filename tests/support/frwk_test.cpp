@@ -67,7 +67,8 @@ std::string contents(int fd)
 }
 
 // What a process wrote to standard error, without the line that the emulator adds when a signal ends it.
-std::string errors(int fd) {
+std::string errors(int fd)
+{
     static const std::regex emulators("qemu: uncaught target signal [0-9]+ \\([^)]*\\) - core dumped\n");
     return std::regex_replace(contents(fd), emulators, "");
 }
@@ -108,7 +109,7 @@ sockaddr_un address_of(const std::string &path)
     return address;
 }
 
-int count_entries(const std::string &dir)
+int count_entries(const std::string &dir, const std::function<bool(const char *)> &counts)
 {
     DIR *handle = opendir(dir.c_str());
     if (!handle) {
@@ -116,7 +117,7 @@ int count_entries(const std::string &dir)
     }
     int count = 0;
     while (const dirent *entry = readdir(handle)) {
-        count += entry->d_name[0] != '.';
+        count += entry->d_name[0] != '.' && counts(entry->d_name);
     }
     closedir(handle);
     return count;
@@ -183,12 +184,17 @@ bool exists(const std::string &path)
 int count_fds(pid_t pid)
 {
     int own_handle = pid == getpid();
-    return count_entries("/proc/" + std::to_string(pid) + "/fd") - own_handle;
+    return count_entries("/proc/" + std::to_string(pid) + "/fd", [](const char *) { return true; }) - own_handle;
 }
 
+// The helper threads of an emulator or a sanitizer block every signal that they can.
 int count_threads(pid_t pid)
 {
-    return count_entries("/proc/" + std::to_string(pid) + "/task");
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
+    return count_entries(tasks, [&](const char *name) {
+        std::string status = read_file(tasks + name + "/status");
+        return !status.empty() && !contains(status, "\nSigBlk:\tfffffffe7");
+    });
 }
 
 bool Result::ok() const
