@@ -171,7 +171,7 @@ inline std::string verdicts(const Operation &operation, const std::vector<Figure
         for (const Figures &peer : figures) {
             met = met && (peer.name.find(operation.rivals) == std::string::npos || peer.ours_to_it * operation.faster <= 1);
         }
-        add(verdict("every peer with " + operation.rivals + format(" takes ≥ %g times as long", operation.faster), met));
+        add(verdict("every peer with a " + operation.rivals + format(" takes ≥ %g times as long", operation.faster), met));
     }
     return text;
 }
@@ -179,6 +179,7 @@ inline std::string verdicts(const Operation &operation, const std::vector<Figure
 inline void print_header(const char *title) {
     fprintf(report(), "\n%s\n\n| operation | contender | time | ratio to the floor | libfrwk's ratio to it | target |\n"
                       "|---|---|---:|---:|---:|---|\n", title);
+    fflush(report());
 }
 
 // Measures one operation and prints its rows.
