@@ -142,51 +142,72 @@ static void show_line(char *line, bool coloured)
     }
 }
 
-/* Whether the log was rotated or emptied since `fd` was opened and read up to `pos`. */
-static bool is_replaced(const char *path, int fd, off_t pos)
+struct tail_t {
+    const char *path;
+    int fd;
+    bool coloured;
+    size_t len;
+    char text[8192]; /* the begin of a line; a longer one is shown in pieces */
+};
+
+/* Whether the log was rotated or emptied since it was opened and read to its end. */
+static bool is_replaced(const tail_t *tail)
 {
     struct stat named;
-    struct stat open_file;
-    return stat(path, &named) == 0 && fstat(fd, &open_file) == 0 &&
-           (named.st_ino != open_file.st_ino || named.st_dev != open_file.st_dev || open_file.st_size < pos);
+    struct stat opened;
+    return stat(tail->path, &named) == 0 && fstat(tail->fd, &opened) == 0 &&
+           (named.st_ino != opened.st_ino || named.st_dev != opened.st_dev ||
+            opened.st_size < lseek(tail->fd, 0, SEEK_CUR));
+}
+
+/* Shows the lines that have come. @return false when there was nothing new */
+static bool show_new(tail_t *tail)
+{
+    ssize_t n = read(tail->fd, tail->text + tail->len, sizeof tail->text - 1 - tail->len);
+    if (n < 0) {
+        device_fail(1, "cannot read %s: %s", tail->path, strerror(errno));
+    }
+    tail->len += static_cast<size_t>(n);
+    tail->text[tail->len] = '\0';
+    char *start = tail->text;
+    char *stop = tail->text + tail->len;
+    for (char *end; (end = static_cast<char *>(memchr(start, '\n', static_cast<size_t>(stop - start)))) != nullptr;
+         start = end + 1) {
+        *end = '\0';
+        show_line(start, tail->coloured);
+    }
+    if (start == tail->text && tail->len == sizeof tail->text - 1) {
+        show_line(start, tail->coloured);
+        start = stop;
+    }
+    tail->len = static_cast<size_t>(stop - start);
+    memmove(tail->text, start, tail->len);
+    return n > 0;
+}
+
+static bool open_anew(tail_t *tail)
+{
+    int fd = open(tail->path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        close(tail->fd);
+        tail->fd = fd;
+        tail->len = 0;
+    }
+    return fd >= 0;
 }
 
 static int follow(int argc, char **argv)
 {
-    const char *path = argc > 0 ? argv[0] : "/var/log/messages";
-    static char line[8192]; /* a longer line is shown in pieces */
-    size_t len = 0;
-    bool coloured = isatty(STDOUT_FILENO);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0 || lseek(fd, 0, SEEK_END) < 0) {
-        device_fail(1, "cannot follow %s: %s", path, strerror(errno));
+    static tail_t tail;
+    tail.path = argc > 0 ? argv[0] : "/var/log/messages";
+    tail.coloured = isatty(STDOUT_FILENO);
+    tail.fd = open(tail.path, O_RDONLY | O_CLOEXEC);
+    if (tail.fd < 0 || lseek(tail.fd, 0, SEEK_END) < 0) {
+        device_fail(1, "cannot follow %s: %s", tail.path, strerror(errno));
     }
     for (;;) {
-        ssize_t n = read(fd, line + len, sizeof line - 1 - len);
-        if (n < 0) {
-            device_fail(1, "cannot read %s: %s", path, strerror(errno));
-        }
-        len += static_cast<size_t>(n);
-        line[len] = '\0';
-        char *start = line;
-        for (char *end; (end = strchr(start, '\n')) != nullptr; start = end + 1) {
-            *end = '\0';
-            show_line(start, coloured);
-        }
-        if (start == line && len == sizeof line - 1) {
-            show_line(start, coloured);
-            start = line + len;
-        }
-        len -= static_cast<size_t>(start - line);
-        memmove(line, start, len);
-        if (n == 0 && is_replaced(path, fd, lseek(fd, 0, SEEK_CUR))) {
-            int next = open(path, O_RDONLY | O_CLOEXEC);
-            if (next >= 0) {
-                close(fd);
-                fd = next;
-                len = 0;
-            }
-        } else if (n == 0) {
+        bool moved = show_new(&tail) || (is_replaced(&tail) && open_anew(&tail));
+        if (!moved) {
             frwk_sleep(FOLLOW_PERIOD);
         }
     }

@@ -26,7 +26,7 @@ std::string programs()
     if (emulator.empty()) {
         return DEVICE_PROGRAMS;
     }
-    std::string dir = "/tmp/programs";
+    std::string dir = "/usrdata/programs";
     if (!exists(dir)) {
         for (const char *name : {"qmuxd", "atfwd_daemon", "serial_bridge", "dial_test"}) {
             write_file(dir + "/" + name, "#!/bin/sh\nexec " + emulator + " " DEVICE_PROGRAMS "/" + name + " \"$@\"\n");
@@ -147,7 +147,7 @@ bool comes_anew(const std::string &module, pid_t old)
            run({"monitor_tool", "wait", module}).ok();
 }
 
-const char LOG[] = "/tmp/messages";
+const char LOG[] = "/usrdata/messages";
 
 size_t logged(const std::string &part)
 {
@@ -157,12 +157,12 @@ size_t logged(const std::string &part)
 }
 
 struct Device : ::testing::Test {
-    Device() : modem("/tmp/modem"), left(std::make_unique<Terminal>("/tmp/left")), right("/tmp/right")
+    Device() : modem("/usrdata/modem"), left(std::make_unique<Terminal>("/usrdata/left")), right("/usrdata/right")
     {
         syslogd = spawn([] { execlp("busybox", "busybox", "syslogd", "-n", "-S", "-O", LOG, nullptr); });
         EXPECT_TRUE(wait_until([] { return exists(LOG) && exists("/dev/log"); }));
-        EXPECT_TRUE(run({"monitor_tool", "start-cmd", "atfwd_daemon", "/tmp/modem"}).ok());
-        EXPECT_TRUE(run({"monitor_tool", "start-cmd", "serial_bridge", "-l /tmp/left -r /tmp/right"}).ok());
+        EXPECT_TRUE(run({"monitor_tool", "start-cmd", "atfwd_daemon", "/usrdata/modem"}).ok());
+        EXPECT_TRUE(run({"monitor_tool", "start-cmd", "serial_bridge", "-l /usrdata/left -r /usrdata/right"}).ok());
         EXPECT_TRUE(run({"logtool", "set", "all", "1", "info"}).ok());
         std::string dir = programs();
         monitor = spawn([&] { become(dir, {"monitor"}); });
@@ -239,9 +239,9 @@ TEST_F(Device, BridgesBytes)
     EXPECT_EQ("back", raw_recv(left->fd, 4));
 
     left.reset(); // hangs up, and what is sent to it meanwhile waits for its return
-    EXPECT_TRUE(wait_until([] { return logged("/tmp/left hung up") > 0; }));
+    EXPECT_TRUE(wait_until([] { return logged("/usrdata/left hung up") > 0; }));
     right.send("while away");
-    left = std::make_unique<Terminal>("/tmp/left");
+    left = std::make_unique<Terminal>("/usrdata/left");
     EXPECT_EQ("while away", raw_recv(left->fd, 10));
     left->send("and again");
     EXPECT_EQ("and again", raw_recv(right.fd, 9));
@@ -284,7 +284,7 @@ TEST_F(Device, KeepsModulesRunning)
     EXPECT_TRUE(echo.ok()) << echo;
     EXPECT_TRUE(contains(echo.out, "68 65 6c 6c 6f 00") && contains(echo.out, "|hello.|")) << echo;
     Result status = run({"monitor_tool", "status"});
-    EXPECT_TRUE(contains(status.out, "-l /tmp/left -r /tmp/right")) << status;
+    EXPECT_TRUE(contains(status.out, "-l /usrdata/left -r /usrdata/right")) << status;
     EXPECT_TRUE(contains(status.out, "qmuxd          yes  ")) << status;
     EXPECT_TRUE(contains(status.out, "mbimd          no             -  -           yes")) << status;
 }
@@ -309,8 +309,8 @@ TEST_F(Device, ChangesTracesAtOnceAndForGood)
 
 TEST(LogTool, FollowsALog)
 {
-    const std::string path = "/tmp/some/log";
-    Terminal screen("/tmp/screen");
+    const std::string path = "/usrdata/some/log";
+    Terminal screen("/usrdata/screen");
     write_file(path, "Nov 1 00:00:00 host qmuxd[1]: error|a|b|1::old\n");
     std::string dir = programs();
     pid_t pid = spawn([&] {
@@ -354,7 +354,7 @@ TEST(Tools, RefuseMisuseWithOneLine)
          2,
          "logtool: unknown level 'loud': null, error, warning, info or debug"},
         {{"logtool", "set", "qmuxd", "1", "info"}, 1, "logtool: qmuxd does not answer: stored for its next start"},
-        {{"logtool", "follow", "/tmp/none"}, 1, "logtool: cannot follow /tmp/none: No such file or directory"},
+        {{"logtool", "follow", "/usrdata/none"}, 1, "logtool: cannot follow /usrdata/none: No such file or directory"},
         {{"monitor_tool"}, 2, "monitor_tool: a command is missing (see monitor_tool --help)"},
         {{"monitor_tool", "dance"}, 2, "monitor_tool: unknown command 'dance' (see monitor_tool --help)"},
         {{"monitor_tool", "service", "qmuxd"},
