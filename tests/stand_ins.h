@@ -1,0 +1,206 @@
+// What the tests of the library's core share: traces as text, and stand-ins for calls of the C library, which the
+// library under test finds before the real ones. Included by one source of a test program only.
+#ifndef FRWK_STAND_INS_H
+#define FRWK_STAND_INS_H
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "frwk_test.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true; // allocates, maps and keeps memory in its own way
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+// Shows what failed while standard output is captured, and what failed in child processes.
+struct CapturedFailures : testing::EmptyTestEventListener {
+    void OnTestPartResult(const testing::TestPartResult &result) override
+    {
+        struct stat now, real;
+        fstat(1, &now);
+        fstat(out, &real);
+        if (!result.passed() && (now.st_ino != real.st_ino || now.st_dev != real.st_dev)) {
+            dprintf(out, "%s:%d: Failure\n%s\n", result.file_name(), result.line_number(), result.message());
+        }
+    }
+
+    int out = fcntl(1, F_DUPFD_CLOEXEC, 100);
+};
+
+inline const bool captured_failures_are_shown =
+    (testing::UnitTest::GetInstance()->listeners().Append(new CapturedFailures), true);
+
+// "level|message" of each trace line.
+inline std::vector<std::string> said(const std::vector<frwk_test::TraceLine> &traces)
+{
+    std::vector<std::string> texts;
+    for (const frwk_test::TraceLine &trace : traces) {
+        texts.push_back(trace.level + "|" + trace.msg);
+    }
+    return texts;
+}
+
+inline std::vector<std::string> said(const std::string &console)
+{
+    return said(frwk_test::parse_console(console));
+}
+
+using Texts = std::vector<std::string>;
+
+// All traces of this process to its standard output, from now on.
+inline void trace_all()
+{
+    frwk_debug_enable(3);
+    ASSERT_EQ(FRWK_ERROR_SUCCESS, frwk_trace_set("debug"));
+}
+
+// 32-bit words as they stand on the wire.
+inline std::string words(const std::vector<int64_t> &values)
+{
+    std::string bytes;
+    for (int64_t value : values) {
+        bytes += frwk_test::bytes_of(static_cast<uint32_t>(value));
+    }
+    return bytes;
+}
+
+// The bytes of a request, and all that the service answers before it closes.
+inline std::string answer_to(const std::string &module, const std::string &request)
+{
+    int fd = frwk_test::raw_connect(module);
+    EXPECT_TRUE(frwk_test::raw_send(fd, request));
+    std::string answer = frwk_test::raw_recv(fd, 1 << 20);
+    close(fd);
+    return answer;
+}
+
+// Messages of the handler that the tests' modules use.
+enum {
+    MSG_ECHO = 7, // gives the body back
+    MSG_RESULT,   // gives the body's word as result
+    MSG_BLOCK,    // says so and waits for release()
+    MSG_TELL      // says what the handler was called with
+};
+
+inline const char RELEASE_FILE[] = "/tmp/release";
+
+inline void release()
+{
+    frwk_test::write_file(RELEASE_FILE, "");
+}
+
+inline int32_t test_handler(uint32_t from, uint32_t msg, const uint8_t *req, int32_t req_len, uint8_t *rsp,
+                            int32_t rsp_size, uint32_t timeout)
+{
+    int32_t result = 0;
+    switch (msg) {
+    case MSG_ECHO:
+        for (int32_t i = 0; i < req_len && i < rsp_size; i++) {
+            rsp[i] = req[i];
+        }
+        break;
+    case MSG_RESULT:
+        memcpy(&result, req, sizeof result);
+        break;
+    case MSG_BLOCK:
+        printf("blocked\n");
+        fflush(stdout);
+        frwk_test::wait_until([] { return frwk_test::exists(RELEASE_FILE); });
+        break;
+    default:
+        printf("from=%u msg=%u req=%s len=%d rsp=%s size=%d timeout=%u\n", from, msg, req ? "set" : "null", req_len,
+               rsp ? "set" : "null", rsp_size, timeout);
+        fflush(stdout);
+        break;
+    }
+    return result;
+}
+
+// Set-up of a module that serves the above and traces everything to its standard output.
+inline void serve_and_trace()
+{
+    trace_all();
+    frwk_ipc_init(test_handler);
+}
+
+// What the stand-ins do. Times are nanoseconds; negative: as the real call.
+inline std::atomic<bool> fail_threads{false};
+inline std::atomic<int> thread_sched_policy{-1}; // of the attributes of the last thread
+inline std::atomic<int> thread_detach_state{-1};
+inline std::atomic<int64_t> fixed_uptime{-1};
+inline std::atomic<bool> fail_uptime{false};
+inline std::atomic<int64_t> fixed_time{-1};
+
+template <typename F> F *real_call(const char *name)
+{
+    return reinterpret_cast<F *>(dlsym(RTLD_NEXT, name));
+}
+
+extern "C" {
+
+int pthread_create(pthread_t *tid, const pthread_attr_t *attr, void *(*start)(void *), void *arg) noexcept
+{
+    if (fail_threads) {
+        return EAGAIN;
+    }
+    if (attr != nullptr) {
+        int value;
+        pthread_attr_getschedpolicy(attr, &value);
+        thread_sched_policy = value;
+        pthread_attr_getdetachstate(attr, &value);
+        thread_detach_state = value;
+    }
+    static const auto real =
+        real_call<int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)>("pthread_create");
+    return real(tid, attr, start, arg);
+}
+
+int clock_gettime(clockid_t clock, timespec *now) noexcept
+{
+    static const auto real = real_call<int(clockid_t, timespec *)>("clock_gettime");
+    if (clock == CLOCK_MONOTONIC && fail_uptime) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (clock == CLOCK_MONOTONIC && fixed_uptime >= 0) {
+        *now = {static_cast<time_t>(fixed_uptime / 1000000000), static_cast<long>(fixed_uptime % 1000000000)};
+        return 0;
+    }
+    return real(clock, now);
+}
+
+time_t time(time_t *now) noexcept
+{
+    static const auto real = real_call<time_t(time_t *)>("time");
+    if (fixed_time < 0) {
+        return real(now);
+    }
+    time_t value = static_cast<time_t>(fixed_time / 1000000000);
+    if (now != nullptr) {
+        *now = value;
+    }
+    return value;
+}
+
+int gettimeofday(timeval *now, void *zone) noexcept
+{
+    static const auto real = real_call<int(timeval *, void *)>("gettimeofday");
+    if (fixed_time < 0) {
+        return real(now, zone);
+    }
+    *now = {static_cast<time_t>(fixed_time / 1000000000), static_cast<suseconds_t>(fixed_time / 1000 % 1000000)};
+    return 0;
+}
+}
+
+#endif
