@@ -220,7 +220,7 @@ TEST(Power, TwoWritersKilledAtRandom)
     std::filesystem::remove_all(DIR);
     pid_t pids[2] = {begin(0), begin(1)};
     srand(20);
-    for (int round = 0; round < 300 && !HasFailure(); round++) {
+    for (int round = 0; round < 200 && !HasFailure(); round++) {
         usleep(static_cast<useconds_t>(rand() % 5000));
         int i = rand() % 2;
         int status;
