@@ -781,15 +781,19 @@ void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
 
 /* -------------------- Comments, declarations, directives, closing tags -------------------- */
 
-/* The text from the cursor up to the first `mark` becomes the node's value. */
+/* The text from the cursor up to the first `mark`, which ends in ">", becomes the node's value. */
 static void read_until(frwk_xml_doc_t *doc, frwk_xml_node_t *node, const char *mark, xml_error if_missing)
 {
-    char *end = strstr(doc->cursor, mark);
-    if (end == nullptr) {
-        fail_at(doc, doc->cursor + strlen(doc->cursor), if_missing);
-        return;
+    size_t n = strlen(mark);
+    char *end = strchrnul(doc->cursor, '>');
+    for (; *end != '\0'; end = strchrnul(end, '>')) {
+        end++;
+        if (static_cast<size_t>(end - doc->cursor) >= n && memcmp(end - n, mark, n) == 0) {
+            take_value(doc, node, end - n, end);
+            return;
+        }
     }
-    take_value(doc, node, end, end + strlen(mark));
+    fail_at(doc, end, if_missing);
 }
 
 void frwk_xml_read_comment(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
