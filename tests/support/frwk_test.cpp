@@ -18,7 +18,6 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <ostream>
 #include <regex>
 
@@ -163,8 +162,17 @@ bool contains(const std::string &text, const std::string &part)
 
 std::string read_file(const std::string &path)
 {
-    std::ifstream file(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    std::string text;
+    // no stream, which would throw where reading fails, as it does for a thread in /proc that has just ended
+    if (FILE *file = fopen(path.c_str(), "re")) {
+        char buf[4096];
+        size_t n;
+        while ((n = fread(buf, 1, sizeof buf, file)) > 0) {
+            text.append(buf, n);
+        }
+        fclose(file);
+    }
+    return text;
 }
 
 void write_file(const std::string &path, const std::string &contents)
