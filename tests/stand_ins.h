@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <regex>
 
 #include "frwk_test.h"
 
@@ -56,6 +57,11 @@ inline std::vector<std::string> said(const std::string &console)
 }
 
 using Texts = std::vector<std::string>;
+
+inline Texts last(size_t count, const Texts &texts)
+{
+    return Texts(texts.size() < count ? texts.begin() : texts.end() - static_cast<long>(count), texts.end());
+}
 
 // All traces of this process to its standard output, from now on.
 inline void trace_all()
@@ -131,6 +137,17 @@ inline void serve_and_trace()
 {
     trace_all();
     frwk_ipc_init(test_handler);
+}
+
+// The child has ended by an assertion of the library with this expression.
+inline void expect_assertion(const frwk_test::Result &child, const std::string &module, const std::string &expression)
+{
+    EXPECT_TRUE(child.aborted()) << child;
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(child.err, parts, std::regex("\\[(.*)\\]ASSERT\\([^|]+\\|[^|]+\\|[0-9]+\\), (.*)\n")))
+        << child;
+    EXPECT_EQ(module, parts[1]);
+    EXPECT_EQ(expression, parts[2]);
 }
 
 // What the stand-ins do. Times are nanoseconds; negative: as the real call.

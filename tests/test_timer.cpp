@@ -1,6 +1,4 @@
 // The timer service, and deadlines held by the caller.
-#include <gtest/gtest.h>
-
 #include <climits>
 #include <cstddef>
 #include <mutex>
@@ -13,15 +11,12 @@ using namespace frwk_test;
 
 constexpr size_t P = sizeof(void *);
 static_assert(offsetof(frwk_timer_t, node) == 0 && offsetof(frwk_timer_t, id) == 2 * P &&
-                  offsetof(frwk_timer_t, timer_num) == 2 * P + 4 && offsetof(frwk_timer_t, cb) == 2 * P + 8 &&
-                  offsetof(frwk_timer_t, data) == 3 * P + 8 && offsetof(frwk_timer_t, expire) == 4 * P + 8 &&
-                  sizeof(frwk_timer_t) == 4 * P + 16,
-              "a timer");
+              offsetof(frwk_timer_t, timer_num) == 2 * P + 4 && offsetof(frwk_timer_t, cb) == 2 * P + 8 &&
+              offsetof(frwk_timer_t, data) == 3 * P + 8 && offsetof(frwk_timer_t, expire) == 4 * P + 8);
 static_assert(offsetof(frwk_timer_ctrl_t, mutex) == 0 && offsetof(frwk_timer_ctrl_t, list) == sizeof(pthread_mutex_t) &&
-                  offsetof(frwk_timer_ctrl_t, default_cb) == sizeof(pthread_mutex_t) + 2 * P &&
-                  offsetof(frwk_timer_ctrl_t, next_id) == sizeof(pthread_mutex_t) + 3 * P &&
-                  offsetof(frwk_timer_ctrl_t, tid) == sizeof(pthread_mutex_t) + 4 * P,
-              "the control block");
+              offsetof(frwk_timer_ctrl_t, default_cb) == sizeof(pthread_mutex_t) + 2 * P &&
+              offsetof(frwk_timer_ctrl_t, next_id) == sizeof(pthread_mutex_t) + 3 * P &&
+              offsetof(frwk_timer_ctrl_t, tid) == sizeof(pthread_mutex_t) + 4 * P);
 
 int64_t seconds(double value)
 {
@@ -56,23 +51,20 @@ void own(int number, void *data)
 {
     record("own", number, data);
 }
-void default1(int number, void *data)
+
+void by_default(int number, void *data)
 {
-    record("default1", number, data);
-}
-void default2(int number, void *data)
-{
-    record("default2", number, data);
+    record("default", number, data);
 }
 
 Texts wait_for_fired(size_t count)
 {
-    wait_until([&] {
+    const auto all = [] {
         std::lock_guard<std::mutex> lock(guard);
-        return fired.size() >= count;
-    });
-    std::lock_guard<std::mutex> lock(guard);
-    return fired;
+        return fired;
+    };
+    wait_until([&] { return all().size() >= count; });
+    return all();
 }
 
 int data;
@@ -80,30 +72,22 @@ int data;
 TEST(Timer, BeforeTheServiceRuns)
 {
     const std::string zero(sizeof g_s_timer_ctrl, '\0');
-    EXPECT_EQ(zero, bytes_of(g_s_timer_ctrl));
+    trace_all();
+    Capture out;
     EXPECT_EQ(0, frwk_timer_cb_start(1, own, nullptr, 500));
-    trace_all();
-    Capture out;
     EXPECT_EQ(nullptr, frwk_timer_stop(1));
-    EXPECT_EQ(Texts({"error|can not found timer by id=1"}), said(out.traces()));
-    EXPECT_EQ(0, frwk_timer_start(1, nullptr, 500));
-    EXPECT_EQ(2U, out.traces().size());
+    EXPECT_EQ("error|can not found timer by id=1", said(out.traces()).back());
     EXPECT_EQ(zero, bytes_of(g_s_timer_ctrl));
-}
-
-TEST(Timer, InitFailsAndIsTriedAgain)
-{
-    trace_all();
     fail_threads = true;
-    Capture out;
-    EXPECT_EQ(FRWK_ERROR_THREAD, frwk_timer_init(default1));
+    EXPECT_EQ(FRWK_ERROR_THREAD, frwk_timer_init(own));
     fail_threads = false;
-    EXPECT_EQ(Texts({"error|create thread error!", "error|create timer thread failed!"}), said(out.traces()));
+    EXPECT_EQ(Texts({"error|create thread error!", "error|create timer thread failed!"}), last(2, said(out.traces())));
     EXPECT_EQ(0, frwk_timer_start(1, nullptr, 500));
-    EXPECT_EQ(0, frwk_timer_init(default2));
+    EXPECT_EQ(0, frwk_timer_init(by_default)) << "may be tried again";
     EXPECT_EQ(1, frwk_timer_start(1, nullptr, 500));
-    EXPECT_EQ(default2, g_s_timer_ctrl.default_cb);
+    EXPECT_EQ(by_default, g_s_timer_ctrl.default_cb);
     EXPECT_NE(FRWK_THREAD_INVALID, g_s_timer_ctrl.tid);
+    wait_for_fired(1);
 }
 
 TEST(Timer, IdsAndStop)
@@ -189,8 +173,8 @@ TEST(Timer, ListIsSortedToTheMillisecond)
 TEST(Timer, FiresInOrderOnItsThread)
 {
     const pthread_t self = pthread_self();
-    ASSERT_EQ(0, frwk_timer_init(default1));
-    ASSERT_EQ(0, frwk_timer_init(default2)) << "only replaces the default callback";
+    ASSERT_EQ(0, frwk_timer_init(own));
+    ASSERT_EQ(0, frwk_timer_init(by_default)) << "only replaces the default callback";
     const int64_t start = now_ms();
     ASSERT_EQ(1, frwk_timer_cb_start(1, own, &data, 900));
     ASSERT_EQ(2, frwk_timer_start(2, &data, 900));
@@ -199,22 +183,16 @@ TEST(Timer, FiresInOrderOnItsThread)
     EXPECT_EQ(&data, frwk_timer_stop(4));
     EXPECT_EQ(Texts({"own 3 null"}), wait_for_fired(1));
     EXPECT_GE(now_ms() - start + 1, 500);
-    EXPECT_EQ(Texts({"own 3 null", "own 1 data", "default2 2 data"}), wait_for_fired(3));
+    EXPECT_EQ(Texts({"own 3 null", "own 1 data", "default 2 data"}), wait_for_fired(3));
     EXPECT_GE(now_ms() - start + 1, 900);
     EXPECT_FALSE(pthread_equal(self, fired_on));
-    EXPECT_TRUE(wait_until([] { return pending().empty(); }));
+    EXPECT_EQ("", pending());
     EXPECT_EQ(nullptr, frwk_timer_stop(1)) << "fired timers are unknown";
-    EXPECT_EQ(5, frwk_timer_start(5, nullptr, 500)) << "ids go on";
-    EXPECT_EQ(4U, wait_for_fired(4).size());
-    EXPECT_EQ(5, g_s_timer_ctrl.next_id - 1);
-}
 
-TEST(Timer, WithoutAnyCallbackIsJustRemoved)
-{
     ASSERT_EQ(0, frwk_timer_init(nullptr));
-    ASSERT_EQ(1, frwk_timer_start(1, &data, 500));
-    ASSERT_EQ(2, frwk_timer_cb_start(2, own, &data, 501));
-    EXPECT_EQ(Texts({"own 2 data"}), wait_for_fired(1));
+    EXPECT_EQ(5, frwk_timer_start(5, &data, 500)) << "without any callback it is just removed";
+    EXPECT_EQ(6, frwk_timer_cb_start(6, own, &data, 501));
+    EXPECT_EQ("own 6 data", wait_for_fired(4).back());
     EXPECT_EQ("", pending());
 }
 
@@ -242,10 +220,9 @@ TEST(Timer, Deadlines)
         double later;
         int timeout;
         int remain;
-    } rows[] = {
-        {3000, 0, 0, 3}, {3000, 0.001, 0, 2}, {3000, 2.999, 0, 0}, {3000, 2.9985, 0, 0}, {3000, 2.9995, 1, 0},
-        {3000, 3, 1, 0}, {3000, 1.5, 0, 1},   {3000, 2.5, 0, 0},   {3000, 3.5, 1, 0},    {3000, 4.5, 1, -1},
-        {0, 0, 1, 0},    {-1500, 0, 1, -1},   {999, 0.3, 0, 0},    {1, 0, 0, 0},         {INT_MAX, 0, 0, 2147483}};
+    } rows[] = {{3000, 0, 0, 3},   {3000, 0.001, 0, 2}, {3000, 2.9985, 0, 0},    {3000, 2.9995, 1, 0}, {3000, 3, 1, 0},
+                {3000, 1.5, 0, 1}, {3000, 2.5, 0, 0},   {3000, 3.5, 1, 0},       {3000, 4.5, 1, -1},   {0, 0, 1, 0},
+                {-1500, 0, 1, -1}, {1, 0, 0, 0},        {INT_MAX, 0, 0, 2147483}};
     for (const auto &row : rows) {
         SCOPED_TRACE(testing::Message() << row.delay << " ms, " << row.later << " s later");
         frwk_uptime_t deadline;
@@ -256,11 +233,6 @@ TEST(Timer, Deadlines)
         EXPECT_EQ(row.remain, frwk_simple_timer_remain(&deadline));
         fixed_uptime = -1;
     }
-    frwk_uptime_t deadline;
-    fixed_uptime = seconds(10.7);
-    frwk_simple_timer_start(&deadline, 1300);
-    EXPECT_EQ(12, deadline.sec);
-    EXPECT_EQ(0, deadline.usec);
 }
 
 } // namespace
