@@ -433,7 +433,7 @@ void run(const std::string &where, const Shape &shape, size_t clients, double mo
                  {"NNG, fresh connection", batch<Fresh<NngClient>>(shape, clients)},
                  {"ZeroMQ, fresh connection", batch<Fresh<ZmqClient>>(shape, clients)},
                  {"nanomsg, fresh connection", batch<Fresh<NanomsgClient>>(shape, clients)}},
-                most, 0, "fresh connection", faster, clients});
+                most, 0, "fresh connection", faster, clients, 101});
 }
 
 void many_clients(benchmark::State &state) {
