@@ -258,7 +258,9 @@ TEST(Service, AnnouncedSizesAreNotTouched)
                 wait_until([&] { return count_threads(module.pid) + count_threads(poor.pid) == 2 * IDLE_THREADS; }));
             close(fd);
         }
-        EXPECT_EQ(Texts({receipt(7), row.said}), last(2, said(poor.out())));
+        if (!emulated()) { // no limit there
+            EXPECT_EQ(Texts({receipt(7), row.said}), last(2, said(poor.out())));
+        }
     }
     EXPECT_LT(memory(module, "VmHWM") - before, 16 * 1024);
     EXPECT_EQ(words({0, 0}), answer_to("qmuxd", PING));
@@ -309,7 +311,7 @@ TEST(Service, TwentyOneAtOnceAndNoSlotIsLost)
         std::vector<std::thread> peers;
         for (int peer = 0; peer < 4; peer++) {
             peers.emplace_back([] {
-                for (size_t i = 0; i < 250; i++) {
+                for (size_t i = 0; i < (emulated() ? 50 : 250); i++) {
                     EXPECT_EQ(words({0, 0}), answer_to("qmuxd", PING));
                     int fd = raw_connect("qmuxd");
                     raw_send(fd, PING.substr(0, i % 25));
@@ -322,7 +324,7 @@ TEST(Service, TwentyOneAtOnceAndNoSlotIsLost)
         }
         EXPECT_TRUE(idle(module, fds)) << count_threads(module.pid) << " threads";
         const long now = memory(module, "VmRSS");
-        EXPECT_TRUE(SANITIZED || now <= resident + 1024 || round == 0) << now << " KiB after " << resident;
+        EXPECT_TRUE(SANITIZED || emulated() || now <= resident + 1024 || round == 0) << now << " KiB after " << resident;
         resident = now;
     }
     fill_and_free(module);

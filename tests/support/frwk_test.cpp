@@ -205,6 +205,11 @@ int count_threads(pid_t pid)
     });
 }
 
+bool emulated()
+{
+    return read_file("/proc/self/comm").rfind("qemu-", 0) == 0;
+}
+
 bool Result::ok() const
 {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;

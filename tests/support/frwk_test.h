@@ -27,7 +27,7 @@ void write_file(const std::string &path, const std::string &contents); // makes 
 bool exists(const std::string &path);
 int count_fds(pid_t pid);
 int count_threads(pid_t pid); // without those that an emulator or a sanitizer adds to every process
-bool emulated(); // whether this process runs in qemu, which lacks ptrace and memory limits, and has a thread of its own
+bool emulated(); // whether this process runs in qemu, which lacks ptrace and memory limits, and keeps memory of threads
 
 // ---- child processes
 
