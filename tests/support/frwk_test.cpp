@@ -128,14 +128,16 @@ long now_ms()
 {
     timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    // Wraps on 32 bits, as do the differences that are looked at.
+    return static_cast<long>(static_cast<unsigned long>(now.tv_sec) * 1000 +
+                             static_cast<unsigned long>(now.tv_nsec / 1000000));
 }
 
 bool wait_until(const std::function<bool()> &done, int ms)
 {
-    long end = now_ms() + ms;
+    long start = now_ms();
     while (!done()) {
-        if (now_ms() >= end) {
+        if (now_ms() - start >= ms) {
             return false;
         }
         usleep(1000);
