@@ -2,7 +2,6 @@
 #ifndef CONF_TEST_H
 #define CONF_TEST_H
 
-#include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -14,27 +13,7 @@ namespace conf_test {
 
 using Texts = std::vector<std::string>;
 
-inline const std::string DIR = "/usrdata/odm";
-inline const std::string LOG = DIR + "/log_conf.xml";
-inline const std::string START = DIR + "/start_conf.xml";
-
-constexpr const char *NO_FILE = nullptr; // as content: there is no such file
-
-inline void put(const std::string &path, const char *content)
-{
-    std::filesystem::remove_all(path);
-    if (content != NO_FILE) {
-        frwk_test::write_file(path, content);
-    }
-}
-
-// A fresh device whose file has this content, and its backup that.
-inline void put_both(const std::string &path, const char *content, const char *backup)
-{
-    std::filesystem::remove_all(DIR);
-    put(path, content);
-    put(path + ".bak", backup);
-}
+inline const std::string DIR = "/usrdata/odm", LOG = DIR + "/log_conf.xml", START = DIR + "/start_conf.xml";
 
 // What lies in the directory.
 inline Texts listing()
@@ -46,54 +25,86 @@ inline Texts listing()
     return names;
 }
 
-// The text with the first `from` behind the first `after` replaced.
-inline std::string changed(std::string text, const std::string &after, const std::string &from, const std::string &to)
+// A fresh device with this file and its backup, each where it is not null.
+inline void put(const std::string &path, const char *text, const char *backup = nullptr)
 {
-    size_t at = text.find(from, text.find(after));
-    EXPECT_NE(std::string::npos, at) << from;
-    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+    std::filesystem::remove_all(DIR);
+    for (const auto &[name, content] : {std::pair(path, text), std::pair(path + ".bak", backup)}) {
+        if (content != nullptr) {
+            frwk_test::write_file(name, content);
+        }
+    }
 }
 
-struct Outcome {
-    int rc;
-    Texts said; // "function: message", behind "level|" where that is not error
-};
+const char BROKEN[] = "<root><qti>\n</root>";
 
-// Makes a call with all traces on.
-inline Outcome call(const std::function<int()> &body)
+// What is said of that file by a call that cannot do without it.
+inline std::string broken(const std::string &path, const std::string &func)
+{
+    return "|frwk_xml_cache_parse: Error: line:2,status:4,cause:Opening and ending tag mismatch!|frwk_xml_file_parse: "
+           "parse xml '" +
+           path + "' failed!|" + func + ": parse '" + path + "' failed.";
+}
+
+const char MADE[] = "0|debug frwk_system: exec cmd 'mkdir /usrdata/odm' success!";
+
+// What a call returns and what it says with all traces on: "result|function: message|...", where a message that is no
+// error has its level in front.
+inline std::string call(const std::function<int()> &body)
 {
     frwk_debug_enable(3);
     frwk_trace_set("debug");
     frwk_test::Capture capture;
-    Outcome outcome = {body(), {}};
+    std::string text = std::to_string(body());
     for (const frwk_test::TraceLine &trace : capture.traces()) {
-        outcome.said.push_back((trace.level == "error" ? "" : trace.level + "|") + trace.func + ": " + trace.msg);
+        text += "|" + (trace.level == "error" ? "" : trace.level + " ") + trace.func + ": " + trace.msg;
     }
     frwk_debug_enable(0);
-    return outcome;
+    return text;
 }
 
-// Starts this process as a module without the IPC service, which has no part in this and would start a thread.
-inline void be_module(uint32_t id)
+struct Change {
+    const char *before; // the file; null: there is none
+    std::function<int()> change;
+    std::string outcome, after; // of the call, and the file
+};
+
+inline void check(const std::string &path, const std::vector<Change> &changes)
 {
-    g_s_modules_info[id].flags &= ~FRWK_MODULE_FLAG_IPC;
-    ASSERT_EQ(0, frwk_module_init(id, nullptr));
+    for (const Change &row : changes) {
+        SCOPED_TRACE(row.outcome + " on " + (row.before != nullptr ? row.before : "no file"));
+        put(path, row.before);
+        EXPECT_EQ(row.outcome, call(row.change));
+        EXPECT_EQ(row.after, frwk_test::read_file(path));
+        EXPECT_FALSE(frwk_test::exists(path + ".bak") || frwk_test::exists(path + ".new"));
+    }
+}
+
+// What a module finds at its start: qti's debug mode, level, supervision flag and start arguments.
+inline std::string settings()
+{
+    frwk_test::Result result = frwk_test::run_child([] {
+        frwk_module_info_t &qti = g_s_modules_info[FRWK_MODULE_QTI];
+        qti.flags &= ~FRWK_MODULE_FLAG_IPC; // the service has no part in this and would start a thread
+        EXPECT_EQ(0, frwk_module_init(FRWK_MODULE_QTI, nullptr));
+        const int monitored = frwk_get_app_monitor_conf(FRWK_MODULE_QTI);
+        frwk_init_app_start_cfg();
+        EXPECT_EQ(monitored, (qti.flags & FRWK_MODULE_FLAG_MONITOR_SERVICE) != 0) << "the query and the loader differ";
+        printf("%d %d %d %s", frwk_get_module_debug_mode(), frwk_get_module_level(), monitored,
+               qti.start_cmd != nullptr ? qti.start_cmd : "-");
+    });
+    EXPECT_TRUE(result.ok()) << result;
+    return result.out;
 }
 
 // The directory's lock, tried once.
 struct Lock {
-    Lock() : fd(open(DIR.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), held(flock(fd, LOCK_EX | LOCK_NB) == 0)
-    {
-    }
+    const int fd = open(DIR.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool held = flock(fd, LOCK_EX | LOCK_NB) == 0;
     ~Lock()
     {
         close(fd);
     }
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
-
-    int fd;
-    bool held;
 };
 
 } // namespace conf_test
