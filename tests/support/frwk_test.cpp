@@ -36,7 +36,7 @@ const char *__ubsan_default_options()
 const char *__tsan_default_options();
 const char *__tsan_default_options()
 {
-    return "die_after_fork=0:second_deadlock_stack=1";
+    return "die_after_fork=0:second_deadlock_stack=1:atexit_sleep_ms=0";
 }
 }
 
