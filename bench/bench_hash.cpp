@@ -24,7 +24,8 @@ struct Plain {
     };
     std::vector<Table *> tables;
 
-    __attribute__((noinline)) static uint32_t index(const Table *table, const char *key) {
+    __attribute__((noinline)) static uint32_t index(const Table *table, const char *key)
+    {
         uint32_t sum = 0;
         unsigned shift = 0;
         for (; *key != 0; key++) {
@@ -33,15 +34,20 @@ struct Plain {
         }
         return sum % table->count;
     }
-    __attribute__((noinline)) int create(int count) {
+    __attribute__((noinline)) int create(int count)
+    {
         Table *table = static_cast<Table *>(malloc(sizeof(Table)));
         *table = {static_cast<uint32_t>(count),
                   static_cast<frwk_hash_entry_t **>(calloc(static_cast<size_t>(count), sizeof(void *)))};
         tables.push_back(table);
         return static_cast<int>(tables.size() - 1);
     }
-    static const char *text(const frwk_hash_entry_t *entry) { return reinterpret_cast<const char *>(entry->key.data); }
-    __attribute__((noinline)) frwk_hash_entry_t *enter(int handle, const char *key, frwk_hash_value_t value) {
+    static const char *text(const frwk_hash_entry_t *entry)
+    {
+        return reinterpret_cast<const char *>(entry->key.data);
+    }
+    __attribute__((noinline)) frwk_hash_entry_t *enter(int handle, const char *key, frwk_hash_value_t value)
+    {
         Table *table = tables[static_cast<size_t>(handle)];
         uint32_t bucket = index(table, key);
         frwk_hash_entry_t *last = nullptr;
@@ -60,7 +66,8 @@ struct Plain {
         (last != nullptr ? last->next : table->buckets[bucket]) = entry;
         return entry;
     }
-    __attribute__((noinline)) frwk_hash_entry_t *lookup(int handle, const char *key) {
+    __attribute__((noinline)) frwk_hash_entry_t *lookup(int handle, const char *key)
+    {
         Table *table = tables[static_cast<size_t>(handle)];
         frwk_hash_entry_t *entry = table->buckets[index(table, key)];
         while (entry != nullptr && strcmp(text(entry), key) != 0) {
@@ -68,18 +75,21 @@ struct Plain {
         }
         return entry;
     }
-    static void release(frwk_hash_value_t *value) {
+    static void release(frwk_hash_value_t *value)
+    {
         if (value->valid != 0 && value->need_free != 0) {
             free(reinterpret_cast<void *>(value->data));
         }
         *value = {};
     }
-    static void drop(frwk_hash_entry_t *entry) {
+    static void drop(frwk_hash_entry_t *entry)
+    {
         release(&entry->key);
         release(&entry->value);
         free(entry);
     }
-    __attribute__((noinline)) int remove(int handle, const char *key) {
+    __attribute__((noinline)) int remove(int handle, const char *key)
+    {
         Table *table = tables[static_cast<size_t>(handle)];
         uint32_t bucket = index(table, key);
         frwk_hash_entry_t *last = nullptr;
@@ -93,7 +103,8 @@ struct Plain {
         }
         return -1;
     }
-    void destroy(int handle) {
+    void destroy(int handle)
+    {
         Table *table = tables[static_cast<size_t>(handle)];
         for (uint32_t i = 0; i < table->count; i++) {
             for (frwk_hash_entry_t *entry = table->buckets[i], *next; entry != nullptr; entry = next) {
@@ -111,55 +122,100 @@ Plain plain;
 // What the benchmarks drive: enter, look up (the value, or -1), remove, all by key.
 struct FloorTable {
     int handle;
-    explicit FloorTable(int size) : handle(plain.create(size)) {}
-    ~FloorTable() { plain.destroy(handle); }
+    explicit FloorTable(int size) : handle(plain.create(size))
+    {
+    }
+    ~FloorTable()
+    {
+        plain.destroy(handle);
+    }
     FloorTable(const FloorTable &) = delete;
     FloorTable &operator=(const FloorTable &) = delete;
-    void enter(const char *key, int value) { plain.enter(handle, key, frwk_hash_value_integer(value)); }
-    intptr_t lookup(const char *key) {
+    void enter(const char *key, int value)
+    {
+        plain.enter(handle, key, frwk_hash_value_integer(value));
+    }
+    intptr_t lookup(const char *key)
+    {
         frwk_hash_entry_t *entry = plain.lookup(handle, key);
         return entry != nullptr ? entry->value.data : -1;
     }
-    bool remove(const char *key) { return plain.remove(handle, key) == 0; }
+    bool remove(const char *key)
+    {
+        return plain.remove(handle, key) == 0;
+    }
 };
 
 struct OurTable {
     int handle;
-    explicit OurTable(int size) : handle(frwk_hash_create(size)) {}
-    ~OurTable() { frwk_hash_free(handle); }
+    explicit OurTable(int size) : handle(frwk_hash_create(size))
+    {
+    }
+    ~OurTable()
+    {
+        frwk_hash_free(handle);
+    }
     OurTable(const OurTable &) = delete;
     OurTable &operator=(const OurTable &) = delete;
-    void enter(const char *key, int value) { frwk_hash_enter(handle, key, frwk_hash_value_integer(value)); }
-    intptr_t lookup(const char *key) {
+    void enter(const char *key, int value)
+    {
+        frwk_hash_enter(handle, key, frwk_hash_value_integer(value));
+    }
+    intptr_t lookup(const char *key)
+    {
         frwk_hash_entry_t *entry = frwk_hash_lookup(handle, key);
         return entry != nullptr ? entry->value.data : -1;
     }
-    bool remove(const char *key) { return frwk_hash_delete(handle, key) == 0; }
+    bool remove(const char *key)
+    {
+        return frwk_hash_delete(handle, key) == 0;
+    }
 };
 
 struct GlibTable {
     GHashTable *table;
-    explicit GlibTable(int) : table(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr)) {}
-    ~GlibTable() { g_hash_table_destroy(table); }
+    explicit GlibTable(int) : table(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, nullptr))
+    {
+    }
+    ~GlibTable()
+    {
+        g_hash_table_destroy(table);
+    }
     GlibTable(const GlibTable &) = delete;
     GlibTable &operator=(const GlibTable &) = delete;
-    void enter(const char *key, int value) { g_hash_table_insert(table, g_strdup(key), GINT_TO_POINTER(value)); }
-    intptr_t lookup(const char *key) {
+    void enter(const char *key, int value)
+    {
+        g_hash_table_insert(table, g_strdup(key), GINT_TO_POINTER(value));
+    }
+    intptr_t lookup(const char *key)
+    {
         gpointer value;
         return g_hash_table_lookup_extended(table, key, nullptr, &value) ? reinterpret_cast<intptr_t>(value) : -1;
     }
-    bool remove(const char *key) { return g_hash_table_remove(table, key); }
+    bool remove(const char *key)
+    {
+        return g_hash_table_remove(table, key);
+    }
 };
 
 struct StdTable {
     std::unordered_map<std::string, intptr_t> map;
-    explicit StdTable(int size) : map(static_cast<size_t>(size)) {}
-    void enter(const char *key, int value) { map[key] = value; }
-    intptr_t lookup(const char *key) {
+    explicit StdTable(int size) : map(static_cast<size_t>(size))
+    {
+    }
+    void enter(const char *key, int value)
+    {
+        map[key] = value;
+    }
+    intptr_t lookup(const char *key)
+    {
         auto found = map.find(key);
         return found != map.end() ? found->second : -1;
     }
-    bool remove(const char *key) { return map.erase(key) == 1; }
+    bool remove(const char *key)
+    {
+        return map.erase(key) == 1;
+    }
 };
 
 struct UtTable {
@@ -169,19 +225,27 @@ struct UtTable {
         UT_hash_handle hh;
     };
     Node *nodes = nullptr;
-    explicit UtTable(int) {}
-    ~UtTable() {
+    explicit UtTable(int)
+    {
+    }
+    ~UtTable()
+    {
         Node *node, *next;
-        HASH_ITER(hh, nodes, node, next) { drop(node); }
+        HASH_ITER(hh, nodes, node, next)
+        {
+            drop(node);
+        }
     }
     UtTable(const UtTable &) = delete;
     UtTable &operator=(const UtTable &) = delete;
-    void drop(Node *node) {
+    void drop(Node *node)
+    {
         HASH_DEL(nodes, node);
         free(node->key);
         free(node);
     }
-    void enter(const char *key, int value) {
+    void enter(const char *key, int value)
+    {
         Node *node;
         HASH_FIND_STR(nodes, key, node);
         if (node == nullptr) {
@@ -191,12 +255,14 @@ struct UtTable {
         }
         node->value = value;
     }
-    intptr_t lookup(const char *key) {
+    intptr_t lookup(const char *key)
+    {
         Node *node;
         HASH_FIND_STR(nodes, key, node);
         return node != nullptr ? node->value : -1;
     }
-    bool remove(const char *key) {
+    bool remove(const char *key)
+    {
         Node *node;
         HASH_FIND_STR(nodes, key, node);
         if (node == nullptr) {
@@ -208,7 +274,8 @@ struct UtTable {
 };
 
 // Names of settings, 13 to 26 characters, in an order of their own.
-std::vector<std::string> make_keys(size_t count, const char *last) {
+std::vector<std::string> make_keys(size_t count, const char *last)
+{
     const char *areas[] = {"network", "modem", "serial", "location", "power"};
     const char *names[] = {"profile", "timeout", "address", "retries"};
     std::vector<std::string> keys;
@@ -222,14 +289,16 @@ std::vector<std::string> make_keys(size_t count, const char *last) {
 const std::vector<std::string> keys = make_keys(KEYS, "");
 const std::vector<std::string> absent = make_keys(KEYS, "x");
 
-template <typename Table> void fill(Table &table, const std::vector<std::string> &with) {
+template <typename Table> void fill(Table &table, const std::vector<std::string> &with)
+{
     for (size_t i = 0; i < with.size(); i++) {
         table.enter(with[i].c_str(), static_cast<int>(i));
     }
 }
 
 // A batch: as many times the whole table; only what `part` does with it is timed.
-template <typename Table, typename Part> double each_table(size_t n, bool filled, Part part) {
+template <typename Table, typename Part> double each_table(size_t n, bool filled, Part part)
+{
     double spent = 0;
     for (size_t done = 0; done < n; done += KEYS) {
         Table table(BUCKETS);
@@ -243,10 +312,12 @@ template <typename Table, typename Part> double each_table(size_t n, bool filled
     return spent;
 }
 
-template <typename Table> double enter_batch(size_t n) {
+template <typename Table> double enter_batch(size_t n)
+{
     return each_table<Table>(n, false, [](Table &table) { fill(table, keys); });
 }
-template <typename Table> double delete_batch(size_t n) {
+template <typename Table> double delete_batch(size_t n)
+{
     return each_table<Table>(n, true, [](Table &table) {
         size_t gone = 0;
         for (const std::string &key : keys) {
@@ -255,7 +326,8 @@ template <typename Table> double delete_batch(size_t n) {
         CHECK(gone == KEYS && table.lookup(keys[0].c_str()) == -1);
     });
 }
-template <typename Table> double hit_batch(size_t n) {
+template <typename Table> double hit_batch(size_t n)
+{
     return each_table<Table>(KEYS, true, [n](Table &table) {
         for (size_t done = 0; done < n; done += KEYS) {
             intptr_t sum = 0;
@@ -266,7 +338,8 @@ template <typename Table> double hit_batch(size_t n) {
         }
     });
 }
-template <typename Table> double miss_batch(size_t n) {
+template <typename Table> double miss_batch(size_t n)
+{
     return each_table<Table>(KEYS, true, [n](Table &table) {
         for (size_t done = 0; done < n; done += KEYS) {
             intptr_t sum = 0;
@@ -285,10 +358,15 @@ template <typename Table> double miss_batch(size_t n) {
                  {"GLib GHashTable", batch<GlibTable>},                                                                \
                  {"std::unordered_map", batch<StdTable>},                                                              \
                  {"uthash", batch<UtTable>}},                                                                          \
-                most, 0, "", 0, KEYS})
+                most,                                                                                                  \
+                0,                                                                                                     \
+                "",                                                                                                    \
+                0,                                                                                                     \
+                KEYS})
 
 // A table of as many buckets as keys, filled, asked for every key, and freed.
-template <typename Table> void life(benchmark::State &state) {
+template <typename Table> void life(benchmark::State &state)
+{
     size_t count = static_cast<size_t>(state.range(0));
     const std::vector<std::string> all = make_keys(count, "");
     double lookups = 0;
@@ -304,11 +382,16 @@ template <typename Table> void life(benchmark::State &state) {
     state.counters["ns a lookup"] = lookups / static_cast<double>(count * state.iterations());
 }
 BENCHMARK_TEMPLATE(life, OurTable)->Name("fill, look up, free")->RangeMultiplier(10)->Range(10, 1000000)->MinTime(0.1);
-BENCHMARK_TEMPLATE(life, FloorTable)->Name("the floor, the same")->RangeMultiplier(10)->Range(10, 1000000)->MinTime(0.1);
+BENCHMARK_TEMPLATE(life, FloorTable)
+    ->Name("the floor, the same")
+    ->RangeMultiplier(10)
+    ->Range(10, 1000000)
+    ->MinTime(0.1);
 
 } // namespace
 
-int main() {
+int main()
+{
     bench::use_cores(1);
     bench::measuring_clock = CLOCK_THREAD_CPUTIME_ID;
     bench::print_header("### Hash table: 1,000 keys in 1,009 buckets, one core");

@@ -42,14 +42,16 @@ struct Client {
     virtual void request(const char *request, size_t size, char *answer, size_t answer_size) = 0;
 };
 
-Head head_of(const void *request) {
+Head head_of(const void *request)
+{
     Head head;
     memcpy(&head, request, sizeof head);
     return head;
 }
 
 // The answer of the servers that do not make a buffer of their own.
-const char *answer_to(const void *request, size_t *size) {
+const char *answer_to(const void *request, size_t *size)
+{
     static char answer[LARGEST];
     Head head = head_of(request);
     memcpy(answer, &head.number, sizeof head.number);
@@ -59,7 +61,8 @@ const char *answer_to(const void *request, size_t *size) {
 
 // ---- the floor: a connection and a new detached thread for each request, and no check of anything
 
-sockaddr_un address_of(const char *path) {
+sockaddr_un address_of(const char *path)
+{
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, path);
@@ -68,7 +71,8 @@ sockaddr_un address_of(const char *path) {
 
 const char *const floor_path = "/tmp/bench-floor";
 
-void *serve_floor(void *arg) {
+void *serve_floor(void *arg)
+{
     int fd = *static_cast<int *>(arg);
     frwk_ipc_reqhdr_t request;
     if (read(fd, &request, sizeof request) < 0) {
@@ -93,7 +97,8 @@ void *serve_floor(void *arg) {
     return nullptr;
 }
 
-[[noreturn]] void floor_server() {
+[[noreturn]] void floor_server()
+{
     int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address = address_of(floor_path);
     CHECK(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0 && listen(listener, 20) == 0);
@@ -109,7 +114,8 @@ void *serve_floor(void *arg) {
 }
 
 struct FloorClient : Client {
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         frwk_ipc_reqhdr_t header = {2, 7, 0, 3, static_cast<int32_t>(answer_size), static_cast<int32_t>(size)};
         char *frame = static_cast<char *>(calloc(1, sizeof header + size));
         memcpy(frame, &header, sizeof header);
@@ -134,12 +140,14 @@ struct FloorClient : Client {
 
 std::atomic<unsigned> refusals; // by the limit of threads; such a request is tried again
 
-int32_t our_handler(uint32_t, uint32_t, const uint8_t *req, int32_t, uint8_t *rsp, int32_t, uint32_t) {
+int32_t our_handler(uint32_t, uint32_t, const uint8_t *req, int32_t, uint8_t *rsp, int32_t, uint32_t)
+{
     memcpy(rsp, req, sizeof(uint32_t));
     return 0;
 }
 
-[[noreturn]] void our_server() {
+[[noreturn]] void our_server()
+{
     CHECK(frwk_module_init(FRWK_MODULE_QMUXD, nullptr) == FRWK_ERROR_SUCCESS);
     CHECK(frwk_ipc_init(our_handler) == FRWK_ERROR_SUCCESS);
     for (;;) {
@@ -148,7 +156,8 @@ int32_t our_handler(uint32_t, uint32_t, const uint8_t *req, int32_t, uint8_t *rs
 }
 
 struct OurClient : Client {
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         for (;;) {
             int32_t result = -1;
             int rc = frwk_ipc_send_sync(FRWK_MODULE_QMUXD, FRWK_MSG_USER, request, static_cast<int32_t>(size), answer,
@@ -167,7 +176,8 @@ struct OurClient : Client {
 
 const char *const bus_address = "unix:path=/tmp/bench-bus";
 
-[[noreturn]] void bus_daemon() {
+[[noreturn]] void bus_daemon()
+{
     std::ofstream("/tmp/bench-bus.conf")
         << "<busconfig><type>session</type><listen>" << bus_address
         << "</listen><policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
@@ -177,7 +187,8 @@ const char *const bus_address = "unix:path=/tmp/bench-bus";
     _exit(1);
 }
 
-DBusConnection *open_bus() {
+DBusConnection *open_bus()
+{
     DBusConnection *bus = nullptr;
     for (int tries = 0; bus == nullptr && tries < 1000; tries++) {
         bus = dbus_connection_open_private(bus_address, nullptr);
@@ -190,18 +201,21 @@ DBusConnection *open_bus() {
     return bus;
 }
 
-void append_bytes(DBusMessage *message, const char *bytes, size_t size) {
+void append_bytes(DBusMessage *message, const char *bytes, size_t size)
+{
     CHECK(dbus_message_append_args(message, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &bytes, static_cast<int>(size),
                                    DBUS_TYPE_INVALID));
 }
 
-const char *bytes_in(DBusMessage *message, int *size) {
+const char *bytes_in(DBusMessage *message, int *size)
+{
     const char *bytes = nullptr;
     CHECK(dbus_message_get_args(message, nullptr, DBUS_TYPE_ARRAY, DBUS_TYPE_BYTE, &bytes, size, DBUS_TYPE_INVALID));
     return bytes;
 }
 
-[[noreturn]] void libdbus_server() {
+[[noreturn]] void libdbus_server()
+{
     DBusConnection *bus = open_bus();
     CHECK(dbus_bus_request_name(bus, "org.bench.libdbus", 0, nullptr) > 0);
     while (dbus_connection_read_write(bus, -1)) {
@@ -224,11 +238,13 @@ const char *bytes_in(DBusMessage *message, int *size) {
 
 struct LibdbusClient : Client {
     DBusConnection *bus = open_bus();
-    ~LibdbusClient() override {
+    ~LibdbusClient() override
+    {
         dbus_connection_close(bus);
         dbus_connection_unref(bus);
     }
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         DBusMessage *call = dbus_message_new_method_call("org.bench.libdbus", "/", "org.bench", "Ask");
         append_bytes(call, request, size);
         DBusMessage *reply = dbus_connection_send_with_reply_and_block(bus, call, -1, nullptr);
@@ -242,14 +258,16 @@ struct LibdbusClient : Client {
     }
 };
 
-sd_bus *open_sd_bus() {
+sd_bus *open_sd_bus()
+{
     sd_bus *bus = nullptr;
     CHECK(sd_bus_new(&bus) >= 0 && sd_bus_set_address(bus, bus_address) >= 0 && sd_bus_set_bus_client(bus, 1) >= 0);
     CHECK(sd_bus_start(bus) >= 0);
     return bus;
 }
 
-int answer_sd_bus(sd_bus_message *call, void *, sd_bus_error *) {
+int answer_sd_bus(sd_bus_message *call, void *, sd_bus_error *)
+{
     const void *request;
     size_t got, size;
     sd_bus_message *reply;
@@ -261,7 +279,8 @@ int answer_sd_bus(sd_bus_message *call, void *, sd_bus_error *) {
     return 1;
 }
 
-[[noreturn]] void sd_bus_server() {
+[[noreturn]] void sd_bus_server()
+{
     while (access("/tmp/bench-bus", F_OK) != 0) {
         usleep(10000);
     }
@@ -277,8 +296,12 @@ int answer_sd_bus(sd_bus_message *call, void *, sd_bus_error *) {
 
 struct SdBusClient : Client {
     sd_bus *bus = open_sd_bus();
-    ~SdBusClient() override { sd_bus_flush_close_unref(bus); }
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    ~SdBusClient() override
+    {
+        sd_bus_flush_close_unref(bus);
+    }
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         sd_bus_message *call, *reply;
         const void *bytes;
         size_t got;
@@ -294,7 +317,8 @@ struct SdBusClient : Client {
 
 // ---- the message libraries, over Unix sockets
 
-[[noreturn]] void nng_server() {
+[[noreturn]] void nng_server()
+{
     nng_socket socket;
     CHECK(nng_rep0_open(&socket) == 0 && nng_listen(socket, "ipc:///tmp/bench-nng", nullptr, 0) == 0);
     for (;;) {
@@ -309,16 +333,24 @@ struct SdBusClient : Client {
 
 struct NngClient : Client {
     nng_socket socket;
-    NngClient() { CHECK(nng_req0_open(&socket) == 0 && nng_dial(socket, "ipc:///tmp/bench-nng", nullptr, 0) == 0); }
-    ~NngClient() override { nng_close(socket); }
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    NngClient()
+    {
+        CHECK(nng_req0_open(&socket) == 0 && nng_dial(socket, "ipc:///tmp/bench-nng", nullptr, 0) == 0);
+    }
+    ~NngClient() override
+    {
+        nng_close(socket);
+    }
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         CHECK(nng_send(socket, const_cast<char *>(request), size, 0) == 0);
         size_t got = answer_size;
         CHECK(nng_recv(socket, answer, &got, 0) == 0 && got == answer_size);
     }
 };
 
-[[noreturn]] void zmq_server() {
+[[noreturn]] void zmq_server()
+{
     void *socket = zmq_socket(zmq_ctx_new(), ZMQ_REP);
     CHECK(zmq_bind(socket, "ipc:///tmp/bench-zmq") == 0);
     for (;;) {
@@ -332,21 +364,27 @@ struct NngClient : Client {
 
 struct ZmqClient : Client {
     void *socket;
-    ZmqClient() {
+    ZmqClient()
+    {
         static void *context = zmq_ctx_new();
         socket = zmq_socket(context, ZMQ_REQ);
         int none = 0;
         zmq_setsockopt(socket, ZMQ_LINGER, &none, sizeof none);
         CHECK(zmq_connect(socket, "ipc:///tmp/bench-zmq") == 0);
     }
-    ~ZmqClient() override { zmq_close(socket); }
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    ~ZmqClient() override
+    {
+        zmq_close(socket);
+    }
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         CHECK(zmq_send(socket, request, size, 0) == static_cast<int>(size));
         CHECK(zmq_recv(socket, answer, answer_size, 0) == static_cast<int>(answer_size));
     }
 };
 
-[[noreturn]] void nanomsg_server() {
+[[noreturn]] void nanomsg_server()
+{
     int socket = nn_socket(AF_SP, NN_REP);
     CHECK(nn_bind(socket, "ipc:///tmp/bench-nanomsg") >= 0);
     for (;;) {
@@ -360,13 +398,18 @@ struct ZmqClient : Client {
 
 struct NanomsgClient : Client {
     int socket;
-    NanomsgClient() {
+    NanomsgClient()
+    {
         static int kept = nn_socket(AF_SP, NN_REQ); // else its threads would end and start with each connection
         socket = nn_socket(AF_SP, NN_REQ);
         CHECK(kept >= 0 && nn_connect(socket, "ipc:///tmp/bench-nanomsg") >= 0);
     }
-    ~NanomsgClient() override { nn_close(socket); }
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    ~NanomsgClient() override
+    {
+        nn_close(socket);
+    }
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         CHECK(nn_send(socket, request, size, 0) == static_cast<int>(size));
         CHECK(nn_recv(socket, answer, answer_size, 0) == static_cast<int>(answer_size));
     }
@@ -375,7 +418,8 @@ struct NanomsgClient : Client {
 // ---- measuring
 
 template <typename Lasting> struct Fresh : Client {
-    void request(const char *request, size_t size, char *answer, size_t answer_size) override {
+    void request(const char *request, size_t size, char *answer, size_t answer_size) override
+    {
         Lasting client;
         client.request(request, size, answer, answer_size);
     }
@@ -386,7 +430,8 @@ struct Shape {
     size_t request, answer;
 };
 
-void make_requests(Client &client, const Shape &shape, size_t count) {
+void make_requests(Client &client, const Shape &shape, size_t count)
+{
     static thread_local char request[LARGEST], answer[LARGEST];
     static std::atomic<uint32_t> numbers;
     for (size_t i = 0; i < count; i++) {
@@ -400,7 +445,8 @@ void make_requests(Client &client, const Shape &shape, size_t count) {
 }
 
 // So many clients, each with a connection and a thread of its own, share the requests of a batch.
-template <typename Kind> std::function<double(size_t)> batch(Shape shape, size_t clients) {
+template <typename Kind> std::function<double(size_t)> batch(Shape shape, size_t clients)
+{
     auto all = std::make_shared<std::vector<std::unique_ptr<Client>>>();
     for (size_t i = 0; i < clients; i++) {
         all->push_back(std::make_unique<Kind>());
@@ -419,7 +465,8 @@ template <typename Kind> std::function<double(size_t)> batch(Shape shape, size_t
     };
 }
 
-void run(const std::string &where, const Shape &shape, size_t clients, double most, double faster) {
+void run(const std::string &where, const Shape &shape, size_t clients, double most, double faster)
+{
     bench::run({shape.name + where,
                 {bench::floor_of(batch<FloorClient>(shape, clients)),
                  bench::ours_of(batch<OurClient>(shape, clients)),
@@ -433,10 +480,16 @@ void run(const std::string &where, const Shape &shape, size_t clients, double mo
                  {"NNG, fresh connection", batch<Fresh<NngClient>>(shape, clients)},
                  {"ZeroMQ, fresh connection", batch<Fresh<ZmqClient>>(shape, clients)},
                  {"nanomsg, fresh connection", batch<Fresh<NanomsgClient>>(shape, clients)}},
-                most, 0, "fresh connection", faster, clients, 101});
+                most,
+                0,
+                "fresh connection",
+                faster,
+                clients,
+                101});
 }
 
-void many_clients(benchmark::State &state) {
+void many_clients(benchmark::State &state)
+{
     auto requests = batch<OurClient>({"", 64, 64}, static_cast<size_t>(state.range(0)));
     size_t share = 50, count = share * static_cast<size_t>(state.range(0));
     refusals = 0;
@@ -447,17 +500,28 @@ void many_clients(benchmark::State &state) {
     state.counters["requests a second"] = benchmark::Counter(all, benchmark::Counter::kIsRate);
     state.counters["refusals tried again, of 1,000"] = 1000.0 * refusals / all;
 }
-BENCHMARK(many_clients)->Name("50 requests by each client (clients)")->UseRealTime()->MinTime(0.3)
-    ->Arg(1)->Arg(2)->Arg(4)->Arg(8)->Arg(12)->Arg(16)->Arg(20);
+BENCHMARK(many_clients)
+    ->Name("50 requests by each client (clients)")
+    ->UseRealTime()
+    ->MinTime(0.3)
+    ->Arg(1)
+    ->Arg(2)
+    ->Arg(4)
+    ->Arg(8)
+    ->Arg(12)
+    ->Arg(16)
+    ->Arg(20);
 
-void start_server(void (*server)()) {
+void start_server(void (*server)())
+{
     if (fork() == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         server();
     }
 }
 
-void await(const char *path) {
+void await(const char *path)
+{
     for (int tries = 0; access(path, F_OK) != 0; tries++) {
         CHECK(tries < 1000);
         usleep(10000);
@@ -465,7 +529,8 @@ void await(const char *path) {
 }
 
 // In a process of its own, with servers of its own, since none of these libraries lives well through a fork.
-void run_on(int cores, const std::function<void()> &operations) {
+void run_on(int cores, const std::function<void()> &operations)
+{
     pid_t pid = fork();
     if (pid == 0) {
         bench::use_cores(cores);
@@ -496,7 +561,8 @@ void run_on(int cores, const std::function<void()> &operations) {
 
 } // namespace
 
-int main() {
+int main()
+{
     bench::report();
     dbus_threads_init_default();
     const Shape small = {"64 bytes each way, ", 64, 64}, question = {"4 KB request, ", 4096, 64},

@@ -27,23 +27,29 @@ struct Inbox {
         sem_t complete;
     } lines[SENDERS];
 
-    Inbox() {
+    Inbox()
+    {
         for (Line &line : lines) {
             sem_init(&line.complete, 0, 0);
         }
     }
-    void expect(uint32_t sender, uint32_t count) { // by the sender, while nothing of its own is on the way
+    void expect(uint32_t sender, uint32_t count)
+    { // by the sender, while nothing of its own is on the way
         lines[sender].next = 0;
         lines[sender].wanted = count;
     }
-    void take(const Payload &payload) {
+    void take(const Payload &payload)
+    {
         Line &line = lines[payload.sender];
         CHECK(payload.sequence == line.next); // none lost, none twice, in order
         if (++line.next == line.wanted) {
             sem_post(&line.complete);
         }
     }
-    void wait(uint32_t sender) { sem_wait(&lines[sender].complete); }
+    void wait(uint32_t sender)
+    {
+        sem_wait(&lines[sender].complete);
+    }
 };
 
 // ---- the floor: lock, append, post for every message; the receiver locks for every message as well
@@ -54,11 +60,13 @@ struct FloorQueue {
     sem_t posted;
     Inbox inbox;
 
-    FloorQueue() {
+    FloorQueue()
+    {
         sem_init(&posted, 0, 0);
         std::thread([this] { receive(); }).detach();
     }
-    void send(uint32_t, const Payload &payload) {
+    void send(uint32_t, const Payload &payload)
+    {
         size_t size = sizeof(frwk_submodule_msg_t) + sizeof payload;
         frwk_submodule_msg_t *message = static_cast<frwk_submodule_msg_t *>(calloc(1, size));
         message->len = sizeof payload;
@@ -70,7 +78,8 @@ struct FloorQueue {
         pthread_mutex_unlock(&lock);
         sem_post(&posted);
     }
-    frwk_submodule_msg_t *pop() {
+    frwk_submodule_msg_t *pop()
+    {
         frwk_submodule_msg_t *message = nullptr;
         pthread_mutex_lock(&lock);
         if (head.next != &head) {
@@ -81,7 +90,8 @@ struct FloorQueue {
         pthread_mutex_unlock(&lock);
         return message;
     }
-    void receive() {
+    void receive()
+    {
         for (;;) {
             sem_wait(&posted);
             while (frwk_submodule_msg_t *message = pop()) {
@@ -99,7 +109,8 @@ struct FloorQueue {
 Inbox our_inbox;
 std::atomic<bool> gate_open{true}; // while closed, the callback waits: a queue fills up
 
-void our_callback(frwk_submodule_msg_t *message) {
+void our_callback(frwk_submodule_msg_t *message)
+{
     while (!gate_open.load(std::memory_order_acquire)) {
         sched_yield();
     }
@@ -112,8 +123,12 @@ void our_callback(frwk_submodule_msg_t *message) {
 struct OurQueue {
     uint32_t sid;
     Inbox &inbox = our_inbox;
-    explicit OurQueue(uint32_t id) : sid(id) { frwk_submodule_create(sid, our_callback); }
-    void send(uint32_t from, const Payload &payload) {
+    explicit OurQueue(uint32_t id) : sid(id)
+    {
+        frwk_submodule_create(sid, our_callback);
+    }
+    void send(uint32_t from, const Payload &payload)
+    {
         CHECK(frwk_submodule_send(from, sid, 1, &payload, sizeof payload) == FRWK_ERROR_SUCCESS);
     }
 };
@@ -121,7 +136,8 @@ struct OurQueue {
 struct GlibQueue {
     GAsyncQueue *queue = g_async_queue_new();
     Inbox inbox;
-    GlibQueue() {
+    GlibQueue()
+    {
         std::thread([this] {
             for (;;) {
                 gpointer message = g_async_queue_pop(queue);
@@ -130,7 +146,10 @@ struct GlibQueue {
             }
         }).detach();
     }
-    void send(uint32_t, const Payload &payload) { g_async_queue_push(queue, g_memdup2(&payload, sizeof payload)); }
+    void send(uint32_t, const Payload &payload)
+    {
+        g_async_queue_push(queue, g_memdup2(&payload, sizeof payload));
+    }
 };
 
 struct ZmqQueue {
@@ -138,7 +157,8 @@ struct ZmqQueue {
     void *receiver = zmq_socket(context, ZMQ_PULL);
     void *senders[SENDERS];
     Inbox inbox;
-    explicit ZmqQueue(uint32_t sid) {
+    explicit ZmqQueue(uint32_t sid)
+    {
         std::string address = "inproc://queue" + std::to_string(sid);
         int no_limit = 0;
         zmq_setsockopt(receiver, ZMQ_RCVHWM, &no_limit, sizeof no_limit);
@@ -156,14 +176,16 @@ struct ZmqQueue {
             }
         }).detach();
     }
-    void send(uint32_t from, const Payload &payload) {
+    void send(uint32_t from, const Payload &payload)
+    {
         CHECK(zmq_send(senders[from], &payload, sizeof payload, 0) == sizeof payload);
     }
 };
 
 // ---- measuring
 
-template <typename Queue> void send_burst(Queue *queue, uint32_t sender, uint32_t count) {
+template <typename Queue> void send_burst(Queue *queue, uint32_t sender, uint32_t count)
+{
     queue->inbox.expect(sender, count);
     for (Payload payload = {sender, 0, "state of the link"}; payload.sequence < count; payload.sequence++) {
         queue->send(sender, payload);
@@ -171,7 +193,8 @@ template <typename Queue> void send_burst(Queue *queue, uint32_t sender, uint32_
 }
 
 // From the first send to the receipt of the last message.
-template <typename Queue> std::function<double(size_t)> batch(Queue *queue, unsigned senders) {
+template <typename Queue> std::function<double(size_t)> batch(Queue *queue, unsigned senders)
+{
     return [queue, senders](size_t n) {
         uint32_t burst = BURST / senders;
         auto send_share = [&](uint32_t sender) {
@@ -193,8 +216,9 @@ template <typename Queue> std::function<double(size_t)> batch(Queue *queue, unsi
     };
 }
 
-void run_on(int cores, uint32_t sid) {
-    bench::use_cores(cores); // the receiving threads inherit it
+void run_on(int cores, uint32_t sid)
+{
+    bench::use_cores(cores);     // the receiving threads inherit it
     auto floor = new FloorQueue; // all live as long as the threads that wait on them: to the end
     auto ours = new OurQueue(sid);
     auto glib = new GlibQueue;
@@ -206,14 +230,19 @@ void run_on(int cores, uint32_t sid) {
                      bench::ours_of(batch(ours, senders)),
                      {"GAsyncQueue", batch(glib, senders)},
                      {"ZeroMQ inproc", batch(zmq, senders)}},
-                    0.25, 0, "", 0, BURST});
+                    0.25,
+                    0,
+                    "",
+                    0,
+                    BURST});
     }
 }
 
 OurQueue *gated;
 
 // A queue filled while its receiver stands still, then emptied.
-void fill_and_drain(benchmark::State &state) {
+void fill_and_drain(benchmark::State &state)
+{
     uint32_t n = static_cast<uint32_t>(state.range(0));
     double sending = 0, draining = 0;
     for (auto _ : state) {
@@ -230,11 +259,17 @@ void fill_and_drain(benchmark::State &state) {
     state.counters["ns a send"] = sending / messages;
     state.counters["ns a receipt"] = draining / messages;
 }
-BENCHMARK(fill_and_drain)->Name("queue filled, then emptied")->RangeMultiplier(10)->Range(1, 1000000)->UseRealTime()->MinTime(0.1);
+BENCHMARK(fill_and_drain)
+    ->Name("queue filled, then emptied")
+    ->RangeMultiplier(10)
+    ->Range(1, 1000000)
+    ->UseRealTime()
+    ->MinTime(0.1);
 
 } // namespace
 
-int main() {
+int main()
+{
     bench::report();
     CHECK(frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr) == FRWK_ERROR_SUCCESS);
     bench::print_header("### Submodules: messages of 32 bytes, in bursts of 1,000");

@@ -13,7 +13,8 @@ namespace {
 
 constexpr int SPACING = 30000; // milliseconds between pending timers; nothing becomes due during a run
 
-void never(int, void *) {
+void never(int, void *)
+{
     CHECK(!"a timer fired");
 }
 
@@ -24,10 +25,12 @@ struct FloorTimers {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     int next_id = 1;
 
-    static int64_t diff_ms(const frwk_uptime_t &a, const frwk_uptime_t &b) {
+    static int64_t diff_ms(const frwk_uptime_t &a, const frwk_uptime_t &b)
+    {
         return (static_cast<int64_t>(a.sec) - b.sec) * 1000 + (static_cast<int64_t>(a.usec) - b.usec) / 1000;
     }
-    __attribute__((noinline)) int start(void *data, int delay) {
+    __attribute__((noinline)) int start(void *data, int delay)
+    {
         frwk_timer_t *timer = static_cast<frwk_timer_t *>(calloc(1, sizeof *timer));
         timer->cb = never;
         timer->data = data;
@@ -50,7 +53,8 @@ struct FloorTimers {
         pthread_mutex_unlock(&mutex);
         return timer->id;
     }
-    __attribute__((noinline)) void *stop(int id) {
+    __attribute__((noinline)) void *stop(int id)
+    {
         pthread_mutex_lock(&mutex);
         frwk_list_t *at = head.next;
         while (at != &head && frwk_list_entry(at, frwk_timer_t, node)->id != id) {
@@ -72,20 +76,31 @@ struct FloorTimers {
 };
 
 struct OurTimers {
-    int start(void *data, int delay) { return frwk_timer_cb_start(0, never, data, delay); }
-    void *stop(int id) { return frwk_timer_stop(id); }
+    int start(void *data, int delay)
+    {
+        return frwk_timer_cb_start(0, never, data, delay);
+    }
+    void *stop(int id)
+    {
+        return frwk_timer_stop(id);
+    }
 };
 
 struct EventTimers {
     event_base *base = event_base_new();
-    static void fired(evutil_socket_t, short, void *) { never(0, nullptr); }
-    event *start(void *data, int delay) {
+    static void fired(evutil_socket_t, short, void *)
+    {
+        never(0, nullptr);
+    }
+    event *start(void *data, int delay)
+    {
         event *timer = evtimer_new(base, fired, data);
         timeval time = {delay / 1000, delay % 1000 * 1000};
         CHECK(evtimer_add(timer, &time) == 0);
         return timer;
     }
-    void *stop(event *timer) {
+    void *stop(event *timer)
+    {
         void *data = event_get_callback_arg(timer);
         CHECK(evtimer_pending(timer, nullptr));
         event_free(timer);
@@ -95,15 +110,18 @@ struct EventTimers {
 
 struct UvTimers {
     uv_loop_t *loop = uv_default_loop();
-    uv_timer_t *start(void *data, int delay) {
+    uv_timer_t *start(void *data, int delay)
+    {
         uv_timer_t *timer = static_cast<uv_timer_t *>(malloc(sizeof *timer));
         uv_timer_init(loop, timer);
         timer->data = data;
         uv_update_time(loop);
-        CHECK(uv_timer_start(timer, [](uv_timer_t *) { never(0, nullptr); }, static_cast<uint64_t>(delay), 0) == 0);
+        CHECK(uv_timer_start(
+                  timer, [](uv_timer_t *) { never(0, nullptr); }, static_cast<uint64_t>(delay), 0) == 0);
         return timer;
     }
-    void *stop(uv_timer_t *timer) {
+    void *stop(uv_timer_t *timer)
+    {
         void *data = timer->data;
         CHECK(uv_is_active(reinterpret_cast<uv_handle_t *>(timer)));
         uv_close(reinterpret_cast<uv_handle_t *>(timer), [](uv_handle_t *handle) { free(handle); });
@@ -117,17 +135,20 @@ struct UvTimers {
 
 struct GlibTimers {
     GMainContext *context = g_main_context_new();
-    static gboolean fired(gpointer) {
+    static gboolean fired(gpointer)
+    {
         never(0, nullptr);
         return G_SOURCE_REMOVE;
     }
-    GSource *start(void *, int delay) {
+    GSource *start(void *, int delay)
+    {
         GSource *timer = g_timeout_source_new(static_cast<guint>(delay));
         g_source_set_callback(timer, fired, nullptr, nullptr);
         g_source_attach(timer, context);
         return timer;
     }
-    void *stop(GSource *timer) {
+    void *stop(GSource *timer)
+    {
         CHECK(!g_source_is_destroyed(timer));
         g_source_destroy(timer);
         g_source_unref(timer);
@@ -145,7 +166,8 @@ template <typename Timers> struct Pending {
     std::vector<int> delays; // of those to start
     char data[1];
 
-    Pending(std::shared_ptr<Timers> all, int count, bool last) : timers(all) {
+    Pending(std::shared_ptr<Timers> all, int count, bool last) : timers(all)
+    {
         std::mt19937 random(1);
         std::vector<int> order; // timers are not started in the order in which they are due
         for (int i = 0; i < count; i++) {
@@ -160,14 +182,16 @@ template <typename Timers> struct Pending {
             delays.push_back(last ? 60000 + span : 60000 + static_cast<int>(random() % static_cast<unsigned>(span)));
         }
     }
-    ~Pending() {
+    ~Pending()
+    {
         for (Id id : ids) {
             timers->stop(id);
         }
     }
     Pending(const Pending &) = delete;
     Pending &operator=(const Pending &) = delete;
-    double batch(size_t n) {
+    double batch(size_t n)
+    {
         double start = bench::now_ns();
         for (size_t i = 0; i < n; i++) {
             Id id = timers->start(data, delays[i % delays.size()]);
@@ -178,7 +202,8 @@ template <typename Timers> struct Pending {
     }
 };
 
-template <> double Pending<OurTimers>::batch(size_t n) {
+template <> double Pending<OurTimers>::batch(size_t n)
+{
     double start = bench::now_ns();
     for (size_t i = 0; i < n; i++) {
         CHECK(timers->stop(timers->start(data, delays[i % delays.size()])) == data);
@@ -188,12 +213,14 @@ template <> double Pending<OurTimers>::batch(size_t n) {
     return spent;
 }
 
-template <typename Timers> std::function<double(size_t)> batch(std::shared_ptr<Timers> timers, int count, bool last) {
+template <typename Timers> std::function<double(size_t)> batch(std::shared_ptr<Timers> timers, int count, bool last)
+{
     auto pending = std::make_shared<Pending<Timers>>(timers, count, last);
     return [pending](size_t n) { return pending->batch(n); };
 }
 
-void run(const char *name, int count, bool last, double most) {
+void run(const char *name, int count, bool last, double most)
+{
     static auto floor = std::make_shared<FloorTimers>();
     static auto ours = std::make_shared<OurTimers>();
     static auto event = std::make_shared<EventTimers>();
@@ -208,19 +235,25 @@ void run(const char *name, int count, bool last, double most) {
                 most});
 }
 
-void growth(benchmark::State &state, bool last) {
+void growth(benchmark::State &state, bool last)
+{
     Pending<OurTimers> pending(std::make_shared<OurTimers>(), static_cast<int>(state.range(0)), last);
     size_t i = 0;
     for (auto _ : state) {
         CHECK(pending.timers->stop(pending.timers->start(pending.data, pending.delays[i++ % 1024])) == pending.data);
     }
 }
-BENCHMARK_CAPTURE(growth, middle, false)->Name("start and stop, due anywhere")->Arg(0)->RangeMultiplier(10)->Range(10, 10000);
+BENCHMARK_CAPTURE(growth, middle, false)
+    ->Name("start and stop, due anywhere")
+    ->Arg(0)
+    ->RangeMultiplier(10)
+    ->Range(10, 10000);
 BENCHMARK_CAPTURE(growth, last, true)->Name("start and stop, due last")->Arg(0)->RangeMultiplier(10)->Range(10, 10000);
 
 } // namespace
 
-int main() {
+int main()
+{
     bench::use_cores(1);
     bench::measuring_clock = CLOCK_THREAD_CPUTIME_ID;
     CHECK(frwk_timer_init(nullptr) == FRWK_ERROR_SUCCESS);

@@ -28,7 +28,8 @@ const char *const link_name = "wwan0";
 int line_number = 0; // of the last call, for the check
 
 // Empties the file, prints the lines, and looks at the last one.
-template <typename Print> double print_batch(const char *path, size_t n, Print print) {
+template <typename Print> double print_batch(const char *path, size_t n, Print print)
+{
     CHECK(truncate(path, 0) == 0);
     double start = bench::now_ns();
     print(n);
@@ -42,13 +43,15 @@ template <typename Print> double print_batch(const char *path, size_t n, Print p
         count++;
     }
     const std::string origin = "|info|bench_trace.cpp|";
-    const std::string message = "|" + std::to_string(line_number) + "::link wwan0 is up after " + std::to_string(n - 1) + " ms";
+    const std::string message =
+        "|" + std::to_string(line_number) + "::link wwan0 is up after " + std::to_string(n - 1) + " ms";
     CHECK(count == n && last.compare(0, 12, "[logtool]202") == 0 && last.substr(28, origin.size()) == origin);
     CHECK(last.size() > message.size() && last.substr(last.size() - message.size()) == message);
     return spent;
 }
 
-double floor_console(size_t n) {
+double floor_console(size_t n)
+{
     return print_batch(console_path, n, [](size_t lines) {
         for (size_t i = 0; i < lines; i++) {
             time_t now = time(nullptr);
@@ -64,7 +67,8 @@ double floor_console(size_t n) {
     });
 }
 
-double our_console(size_t n) {
+double our_console(size_t n)
+{
     frwk_debug_enable(3);
     return print_batch(console_path, n, [](size_t lines) {
         for (size_t i = 0; i < lines; i++) {
@@ -75,7 +79,8 @@ double our_console(size_t n) {
     });
 }
 
-double spdlog_file(size_t n) {
+double spdlog_file(size_t n)
+{
     static const auto logger = [] {
         auto made = spdlog::basic_logger_st("file", spdlog_path, true);
         made->set_pattern("[logtool]%Y-%m-%d %H:%M:%S|%l|%s|%!|%#::%v");
@@ -92,7 +97,8 @@ double spdlog_file(size_t n) {
 
 // ---- suppressed lines
 
-double floor_suppressed(size_t n) {
+double floor_suppressed(size_t n)
+{
     return bench::timed([](size_t calls) {
         for (size_t i = 0; i < calls; i++) {
             bench_empty_call(__FILE__, __func__, __LINE__, FRWK_TRACE_DEBUG, "link %s is up after %d ms", link_name,
@@ -101,7 +107,8 @@ double floor_suppressed(size_t n) {
     })(n);
 }
 
-double our_suppressed(size_t n) {
+double our_suppressed(size_t n)
+{
     return bench::timed([](size_t calls) {
         for (size_t i = 0; i < calls; i++) {
             frwk_trace_print(__FILE__, __func__, __LINE__, FRWK_TRACE_DEBUG, "link %s is up after %d ms", link_name,
@@ -110,7 +117,8 @@ double our_suppressed(size_t n) {
     })(n);
 }
 
-double our_macro_suppressed(size_t n) {
+double our_macro_suppressed(size_t n)
+{
     return bench::timed([](size_t calls) {
         for (size_t i = 0; i < calls; i++) {
             FRWK_DBG("link %s is up after %d ms", link_name, static_cast<int>(i));
@@ -118,7 +126,8 @@ double our_macro_suppressed(size_t n) {
     })(n);
 }
 
-double spdlog_suppressed(size_t n) {
+double spdlog_suppressed(size_t n)
+{
     spdlog::logger *logger = spdlog::get("file").get();
     return bench::timed([logger](size_t calls) {
         for (size_t i = 0; i < calls; i++) {
@@ -127,11 +136,13 @@ double spdlog_suppressed(size_t n) {
     })(n);
 }
 
-// ---- the system log: a process that takes what is sent to /dev/log, and passes on the lines that start a batch's check
+// ---- the system log: a process that takes what is sent to /dev/log, and passes on the lines that start a batch's
+// check
 
 int check_fd;
 
-void start_log_daemon() {
+void start_log_daemon()
+{
     int fds[2];
     CHECK(pipe(fds) == 0);
     int log = socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -155,7 +166,8 @@ void start_log_daemon() {
 }
 
 // Sends the lines, then one that comes back, and looks at it. The check is not timed.
-template <typename Send> double log_batch(size_t n, Send send) {
+template <typename Send> double log_batch(size_t n, Send send)
+{
     double start = bench::now_ns();
     for (size_t i = 0; i < n; i++) {
         send(i, "");
@@ -169,14 +181,16 @@ template <typename Send> double log_batch(size_t n, Send send) {
     return spent;
 }
 
-double bare_syslog(size_t n) {
+double bare_syslog(size_t n)
+{
     return log_batch(n, [](size_t i, const char *mark) {
         syslog(LOG_INFO, "%s|%s|%s|%d::link %s is up after %d ms%s", "info", "bench_trace.cpp", "link_up", 77,
                link_name, static_cast<int>(i), mark);
     });
 }
 
-double our_syslog(size_t n) {
+double our_syslog(size_t n)
+{
     frwk_debug_enable(1);
     return log_batch(n, [](size_t i, const char *mark) {
         frwk_trace_print("bench/bench_trace.cpp", "link_up", 77, FRWK_TRACE_INFO, "link %s is up after %d ms%s",
@@ -184,11 +198,12 @@ double our_syslog(size_t n) {
     });
 }
 
-double spdlog_syslog(size_t n) {
+double spdlog_syslog(size_t n)
+{
     static const auto logger = [] {
         auto made = spdlog::syslog_logger_st("syslog", "logtool", LOG_PID | LOG_CONS, LOG_LOCAL7, true);
-        made->set_formatter(std::make_unique<spdlog::pattern_formatter>("%l|%s|%!|%#::%v",
-                                                                        spdlog::pattern_time_type::local, ""));
+        made->set_formatter(
+            std::make_unique<spdlog::pattern_formatter>("%l|%s|%!|%#::%v", spdlog::pattern_time_type::local, ""));
         return made;
     }();
     return log_batch(n, [](size_t i, const char *mark) {
@@ -199,7 +214,8 @@ double spdlog_syslog(size_t n) {
 
 } // namespace
 
-int main() {
+int main()
+{
     bench::use_cores(2);
     bench::report(); // standard output becomes the console of the module
     start_log_daemon();
@@ -219,7 +235,8 @@ int main() {
                 1.3});
     bench::run({"suppressed line, by the macro",
                 {bench::floor_of(floor_suppressed), bench::ours_of(our_macro_suppressed)},
-                0, 2});
+                0,
+                2});
     bench::run({"syslog line (floor: bare syslog())",
                 {bench::floor_of(bare_syslog), bench::ours_of(our_syslog), {"spdlog to syslog", spdlog_syslog}},
                 1.1});

@@ -16,20 +16,22 @@ namespace {
 // ---- documents
 
 // The shape of the configuration files: an element a module, a child element a setting.
-std::string modules_document(size_t modules) {
+std::string modules_document(size_t modules)
+{
     const char *names[] = {"monitor",      "atfwd_daemon", "dial_test", "logtool", "serial_bridge",
                            "monitor_tool", "mbimd",        "qti",       "qmuxd"};
     std::string text = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<modules>\n";
     for (size_t i = 0; i < modules; i++) {
         std::string name = names[i % 9];
         text += "\t<" + name + " id=\"" + std::to_string(i) + "\">\n\t\t<monitor_service>1</monitor_service>\n" +
-                "\t\t<start_cmd>-l /dev/smd" + std::to_string(i) + " -r /dev/ttyHSL1 &amp; wait</start_cmd>\n\t</" + name +
-                ">\n";
+                "\t\t<start_cmd>-l /dev/smd" + std::to_string(i) + " -r /dev/ttyHSL1 &amp; wait</start_cmd>\n\t</" +
+                name + ">\n";
     }
     return text + "</modules>\n";
 }
 
-std::string long_values_document() {
+std::string long_values_document()
+{
     std::string text = "<certificates>\n";
     for (int i = 0; i < 16; i++) {
         std::string value;
@@ -44,10 +46,14 @@ std::string long_values_document() {
 struct Facts { // what a parse must have found
     size_t elements = 0;
     size_t text = 0; // bytes of element text without the blanks around it
-    bool operator==(const Facts &other) const { return elements == other.elements && text == other.text; }
+    bool operator==(const Facts &other) const
+    {
+        return elements == other.elements && text == other.text;
+    }
 };
 
-void add_text(Facts &facts, const char *text) {
+void add_text(Facts &facts, const char *text)
+{
     if (text != nullptr) {
         const char *end = text + strlen(text);
         while (end > text && strchr(" \t\n", end[-1]) != nullptr) {
@@ -69,43 +75,48 @@ struct Recipe { // a node or an attribute
     bool has_name, has_value;
 };
 
-void write_recipe(const frwk_xml_node_t *parent, std::vector<Recipe> &steps) {
+void write_recipe(const frwk_xml_node_t *parent, std::vector<Recipe> &steps)
+{
     auto text = [](const char *s) { return std::string(s != nullptr ? s : ""); };
-    frwk_list_for_each(link, &parent->children) {
+    frwk_list_for_each (link, &parent->children) {
         const frwk_xml_node_t *node = frwk_list_entry(link, frwk_xml_node_t, list);
         steps.push_back({Recipe::NODE, node->type, text(node->name), text(node->value), node->name != nullptr,
                          node->value != nullptr});
-        frwk_list_for_each(attr_link, &node->attrs) {
+        frwk_list_for_each (attr_link, &node->attrs) {
             const frwk_xml_attr_t *attr = frwk_list_entry(attr_link, frwk_xml_attr_t, list);
-            steps.push_back({Recipe::ATTR, 0, text(attr->name), text(attr->value), attr->name != nullptr,
-                             attr->value != nullptr});
+            steps.push_back(
+                {Recipe::ATTR, 0, text(attr->name), text(attr->value), attr->name != nullptr, attr->value != nullptr});
         }
         write_recipe(node, steps);
         steps.push_back({Recipe::END, 0, "", "", false, false});
     }
 }
 
-char *copy_of(const std::string &text) {
+char *copy_of(const std::string &text)
+{
     char *copy = static_cast<char *>(malloc(text.size() + 1));
     memcpy(copy, text.data(), text.size() + 1);
     return copy;
 }
 
-void link_last(frwk_list_t *head, frwk_list_t *node) {
+void link_last(frwk_list_t *head, frwk_list_t *node)
+{
     node->next = head;
     node->prev = head->prev;
     head->prev->next = node;
     head->prev = node;
 }
 
-frwk_xml_node_t *floor_node() {
+frwk_xml_node_t *floor_node()
+{
     frwk_xml_node_t *node = static_cast<frwk_xml_node_t *>(calloc(1, sizeof *node));
     node->attrs = {&node->attrs, &node->attrs};
     node->children = {&node->children, &node->children};
     return node;
 }
 
-__attribute__((noinline)) frwk_xml_node_t *follow_recipe(const std::vector<Recipe> &steps) {
+__attribute__((noinline)) frwk_xml_node_t *follow_recipe(const std::vector<Recipe> &steps)
+{
     frwk_xml_node_t *root = floor_node(), *parent = root;
     root->type = FRWK_XML_NODE_DOCUMENT;
     for (const Recipe &step : steps) {
@@ -136,12 +147,18 @@ __attribute__((noinline)) frwk_xml_node_t *follow_recipe(const std::vector<Recip
 struct FloorParser {
     static const std::vector<Recipe> *steps;
     frwk_xml_node_t *root;
-    explicit FloorParser(std::string &) : root(follow_recipe(*steps)) {}
-    ~FloorParser() { frwk_xml_free_node(root); }
+    explicit FloorParser(std::string &) : root(follow_recipe(*steps))
+    {
+    }
+    ~FloorParser()
+    {
+        frwk_xml_free_node(root);
+    }
     FloorParser(const FloorParser &) = delete;
     FloorParser &operator=(const FloorParser &) = delete;
-    static void count(const frwk_xml_node_t *parent, Facts &facts) {
-        frwk_list_for_each(link, &parent->children) {
+    static void count(const frwk_xml_node_t *parent, Facts &facts)
+    {
+        frwk_list_for_each (link, &parent->children) {
             const frwk_xml_node_t *node = frwk_list_entry(link, frwk_xml_node_t, list);
             if (node->type == FRWK_XML_NODE_ELEMENT) {
                 facts.elements++;
@@ -150,36 +167,59 @@ struct FloorParser {
             }
         }
     }
-    void facts(Facts &facts) const { count(root, facts); }
+    void facts(Facts &facts) const
+    {
+        count(root, facts);
+    }
 };
 const std::vector<Recipe> *FloorParser::steps;
 
 struct OurParser {
     frwk_xml_doc_t *doc;
-    explicit OurParser(std::string &text) : doc(frwk_xml_cache_parse(&text[0])) { CHECK(doc != nullptr); }
-    ~OurParser() { frwk_xml_free_doc(doc); }
+    explicit OurParser(std::string &text) : doc(frwk_xml_cache_parse(&text[0]))
+    {
+        CHECK(doc != nullptr);
+    }
+    ~OurParser()
+    {
+        frwk_xml_free_doc(doc);
+    }
     OurParser(const OurParser &) = delete;
     OurParser &operator=(const OurParser &) = delete;
-    void facts(Facts &facts) const { FloorParser::count(doc->root, facts); }
+    void facts(Facts &facts) const
+    {
+        FloorParser::count(doc->root, facts);
+    }
 };
 
 struct TinyParser {
     tinyxml2::XMLDocument doc;
-    explicit TinyParser(std::string &text) { CHECK(doc.Parse(text.data(), text.size()) == tinyxml2::XML_SUCCESS); }
-    static void count(const tinyxml2::XMLNode *parent, Facts &facts) {
+    explicit TinyParser(std::string &text)
+    {
+        CHECK(doc.Parse(text.data(), text.size()) == tinyxml2::XML_SUCCESS);
+    }
+    static void count(const tinyxml2::XMLNode *parent, Facts &facts)
+    {
         for (auto node = parent->FirstChildElement(); node != nullptr; node = node->NextSiblingElement()) {
             facts.elements++;
             add_text(facts, node->GetText());
             count(node, facts);
         }
     }
-    void facts(Facts &facts) const { count(&doc, facts); }
+    void facts(Facts &facts) const
+    {
+        count(&doc, facts);
+    }
 };
 
 struct PugiParser {
     pugi::xml_document doc;
-    explicit PugiParser(std::string &text) { CHECK(doc.load_buffer_inplace(&text[0], text.size())); }
-    static void count(const pugi::xml_node &parent, Facts &facts) {
+    explicit PugiParser(std::string &text)
+    {
+        CHECK(doc.load_buffer_inplace(&text[0], text.size()));
+    }
+    static void count(const pugi::xml_node &parent, Facts &facts)
+    {
         for (pugi::xml_node node : parent.children()) {
             if (node.type() == pugi::node_element) {
                 facts.elements++;
@@ -188,19 +228,27 @@ struct PugiParser {
             }
         }
     }
-    void facts(Facts &facts) const { count(doc, facts); }
+    void facts(Facts &facts) const
+    {
+        count(doc, facts);
+    }
 };
 
 struct LibxmlParser {
     xmlDocPtr doc;
     explicit LibxmlParser(std::string &text)
-        : doc(xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, XML_PARSE_NOBLANKS)) {
+        : doc(xmlReadMemory(text.data(), static_cast<int>(text.size()), nullptr, nullptr, XML_PARSE_NOBLANKS))
+    {
         CHECK(doc != nullptr);
     }
-    ~LibxmlParser() { xmlFreeDoc(doc); }
+    ~LibxmlParser()
+    {
+        xmlFreeDoc(doc);
+    }
     LibxmlParser(const LibxmlParser &) = delete;
     LibxmlParser &operator=(const LibxmlParser &) = delete;
-    static void count(const xmlNode *first, Facts &facts) {
+    static void count(const xmlNode *first, Facts &facts)
+    {
         for (const xmlNode *node = first; node != nullptr; node = node->next) {
             if (node->type == XML_ELEMENT_NODE) {
                 facts.elements++;
@@ -210,18 +258,23 @@ struct LibxmlParser {
             }
         }
     }
-    void facts(Facts &facts) const { count(doc->children, facts); }
+    void facts(Facts &facts) const
+    {
+        count(doc->children, facts);
+    }
 };
 
 struct ExpatParser { // events only, no tree
     Facts found;
     std::string run;
-    static void close_run(void *data) {
+    static void close_run(void *data)
+    {
         ExpatParser *self = static_cast<ExpatParser *>(data);
         add_text(self->found, self->run.c_str());
         self->run.clear();
     }
-    explicit ExpatParser(std::string &text) {
+    explicit ExpatParser(std::string &text)
+    {
         XML_Parser parser = XML_ParserCreate(nullptr);
         XML_SetUserData(parser, this);
         XML_SetElementHandler(
@@ -237,11 +290,15 @@ struct ExpatParser { // events only, no tree
         CHECK(XML_Parse(parser, text.data(), static_cast<int>(text.size()), 1) == XML_STATUS_OK);
         XML_ParserFree(parser);
     }
-    void facts(Facts &facts) const { facts = found; }
+    void facts(Facts &facts) const
+    {
+        facts = found;
+    }
 };
 
 // Times the parses alone: the text is set up before, and the document freed after. One of a batch is looked at.
-template <typename Parser> std::function<double(size_t)> parse_batch(const std::string &document, Facts expected) {
+template <typename Parser> std::function<double(size_t)> parse_batch(const std::string &document, Facts expected)
+{
     auto text = std::make_shared<std::string>(document);
     return [text, &document, expected](size_t n) {
         double spent = 0;
@@ -260,7 +317,8 @@ template <typename Parser> std::function<double(size_t)> parse_batch(const std::
     };
 }
 
-void run_parse(const char *name, const std::string &document, double most) {
+void run_parse(const char *name, const std::string &document, double most)
+{
     std::string text = document;
     OurParser reference(text);
     std::vector<Recipe> steps;
@@ -282,7 +340,8 @@ void run_parse(const char *name, const std::string &document, double most) {
 // ---- writing
 
 // The floor of writing: the pieces of the text, copied one by one into a buffer that grows as the library's does.
-std::vector<std::string> cut_into_pieces(const std::string &text) {
+std::vector<std::string> cut_into_pieces(const std::string &text)
+{
     std::vector<std::string> pieces(1);
     bool in_tag = false;
     for (char c : text) {
@@ -300,7 +359,8 @@ std::vector<std::string> cut_into_pieces(const std::string &text) {
     return pieces;
 }
 
-__attribute__((noinline)) frwk_buffer_t copy_pieces(const std::vector<std::string> &pieces) {
+__attribute__((noinline)) frwk_buffer_t copy_pieces(const std::vector<std::string> &pieces)
+{
     frwk_buffer_t buffer = {4096, 0, static_cast<uint8_t *>(malloc(4096))};
     for (const std::string &piece : pieces) {
         int size = static_cast<int>(piece.size());
@@ -314,7 +374,8 @@ __attribute__((noinline)) frwk_buffer_t copy_pieces(const std::vector<std::strin
     return buffer;
 }
 
-std::string write_ours(frwk_xml_doc_t *doc) {
+std::string write_ours(frwk_xml_doc_t *doc)
+{
     frwk_buffer_t buffer;
     CHECK(frwk_buffer_init(&buffer) == 1);
     CHECK(frwk_xml_cache_save(&buffer, doc->root, FRWK_XML_INDENT_TAB) == 0);
@@ -325,14 +386,18 @@ std::string write_ours(frwk_xml_doc_t *doc) {
 
 struct PugiWriter : pugi::xml_writer {
     std::string text;
-    void write(const void *data, size_t size) override { text.append(static_cast<const char *>(data), size); }
+    void write(const void *data, size_t size) override
+    {
+        text.append(static_cast<const char *>(data), size);
+    }
 };
 
 // What a contender writes must read back as the document; after that, every time as many bytes.
 struct WriteCheck {
     Facts expected;
     size_t size = 0;
-    void operator()(const void *text, size_t length) {
+    void operator()(const void *text, size_t length)
+    {
         if (size == 0) {
             std::string copy(static_cast<const char *>(text), length);
             Facts facts;
@@ -345,7 +410,8 @@ struct WriteCheck {
 };
 
 // Times the writing of a document, from an empty buffer to the whole text in memory and free again.
-template <typename Write> std::function<double(size_t)> write_batch(const Facts &facts, Write write) {
+template <typename Write> std::function<double(size_t)> write_batch(const Facts &facts, Write write)
+{
     return bench::timed([check = WriteCheck{facts}, write](size_t n) mutable {
         for (size_t i = 0; i < n; i++) {
             write(check);
@@ -353,7 +419,8 @@ template <typename Write> std::function<double(size_t)> write_batch(const Facts 
     });
 }
 
-void run_write(const char *name, const std::string &document, double most) {
+void run_write(const char *name, const std::string &document, double most)
+{
     std::string text = document, tiny_text = document, pugi_text = document, libxml_text = document;
     OurParser ours(text);
     TinyParser tiny(tiny_text);
@@ -401,7 +468,8 @@ void run_write(const char *name, const std::string &document, double most) {
                 most});
 }
 
-void parse_growth(benchmark::State &state) {
+void parse_growth(benchmark::State &state)
+{
     size_t size = static_cast<size_t>(state.range(0));
     const std::string document = modules_document(size / (modules_document(1000).size() / 1000));
     std::string text;
@@ -416,7 +484,8 @@ void parse_growth(benchmark::State &state) {
 }
 BENCHMARK(parse_growth)->Name("copy, parse, free (bytes)")->RangeMultiplier(10)->Range(1000, 10000000)->MinTime(0.2);
 
-void write_growth(benchmark::State &state) {
+void write_growth(benchmark::State &state)
+{
     size_t size = static_cast<size_t>(state.range(0));
     std::string text = modules_document(size / (modules_document(1000).size() / 1000));
     OurParser parser(text);
@@ -431,7 +500,8 @@ BENCHMARK(write_growth)->Name("write (bytes)")->RangeMultiplier(10)->Range(1000,
 
 } // namespace
 
-int main() {
+int main()
+{
     bench::use_cores(1);
     bench::measuring_clock = CLOCK_THREAD_CPUTIME_ID;
     const std::string small = modules_document(9), large = modules_document(7300), values = long_values_document();

@@ -1,4 +1,5 @@
 #include "empty_call.h"
 
-void bench_empty_call(const char *, const char *, int, int, const char *, ...) {
+void bench_empty_call(const char *, const char *, int, int, const char *, ...)
+{
 }

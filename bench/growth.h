@@ -13,11 +13,13 @@ namespace bench {
 // One row a size: "name/size" gives the first two columns, and counters follow the time.
 class TableReporter : public benchmark::BenchmarkReporter {
 public:
-    bool ReportContext(const Context &) override {
+    bool ReportContext(const Context &) override
+    {
         fprintf(report(), "\n| growth | size | time | beside |\n|---|---:|---:|---|\n");
         return true;
     }
-    void ReportRuns(const std::vector<Run> &runs) override {
+    void ReportRuns(const std::vector<Run> &runs) override
+    {
         for (const Run &run : runs) {
             CHECK(!run.error_occurred);
             std::string beside;
@@ -34,7 +36,8 @@ public:
 };
 
 // Runs the registered benchmarks.
-inline void run_growth() {
+inline void run_growth()
+{
     TableReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
 }

@@ -22,7 +22,8 @@ namespace bench {
 // (CLOCK_THREAD_CPUTIME_ID) instead, which others on a busy machine do not lengthen.
 inline clockid_t measuring_clock = CLOCK_MONOTONIC;
 
-inline double now_ns() {
+inline double now_ns()
+{
     timespec now;
     clock_gettime(measuring_clock, &now);
     return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
@@ -38,7 +39,8 @@ inline double now_ns() {
     } while (0)
 
 // Where the tables go; a benchmark may redirect standard output itself.
-inline FILE *report() {
+inline FILE *report()
+{
     static FILE *file = fdopen(dup(1), "w");
     return file;
 }
@@ -50,15 +52,18 @@ struct Contender {
     bool ours = false;
 };
 
-inline Contender floor_of(std::function<double(size_t)> batch) {
+inline Contender floor_of(std::function<double(size_t)> batch)
+{
     return {"floor", std::move(batch), true, false};
 }
-inline Contender ours_of(std::function<double(size_t)> batch, const std::string &how = "") {
+inline Contender ours_of(std::function<double(size_t)> batch, const std::string &how = "")
+{
     return {how.empty() ? "libfrwk" : "libfrwk, " + how, std::move(batch), false, true};
 }
 
 // Times a body that does all of a batch.
-template <typename Body> std::function<double(size_t)> timed(Body body) {
+template <typename Body> std::function<double(size_t)> timed(Body body)
+{
     return [body](size_t n) mutable {
         double start = now_ns();
         body(n);
@@ -68,12 +73,12 @@ template <typename Body> std::function<double(size_t)> timed(Body body) {
 
 struct Operation {
     std::string name;
-    std::vector<Contender> contenders;  // a floor first, where there is one
-    double most = 0;                    // target: at most that many times the floor; 0 for none
-    double most_ns = 0;                 // target: at most that many nanoseconds; 0 for none
-    std::string rivals = "";            // target: peers whose name holds this ...
-    double faster = 0;                  // ... take at least that many times as long
-    size_t step = 1;                    // a batch is a multiple of this many operations
+    std::vector<Contender> contenders; // a floor first, where there is one
+    double most = 0;                   // target: at most that many times the floor; 0 for none
+    double most_ns = 0;                // target: at most that many nanoseconds; 0 for none
+    std::string rivals = "";           // target: peers whose name holds this ...
+    double faster = 0;                 // ... take at least that many times as long
+    size_t step = 1;                   // a batch is a multiple of this many operations
     int rounds = 61;
 };
 
@@ -84,7 +89,8 @@ struct Figures {
     double ours_to_it; // 0 for the library itself
 };
 
-inline double median(std::vector<double> values) {
+inline double median(std::vector<double> values)
+{
     if (values.empty()) {
         return 0;
     }
@@ -95,7 +101,8 @@ inline double median(std::vector<double> values) {
 
 // Operations that fill a few milliseconds: the first call pays for what happens once, and the quickest of three calls
 // counts, since one may have been held up.
-inline size_t batch_size(const Contender &contender, size_t step) {
+inline size_t batch_size(const Contender &contender, size_t step)
+{
     constexpr double WANTED_NS = 2.5e6;
     contender.batch(step);
     size_t n = step;
@@ -109,7 +116,8 @@ inline size_t batch_size(const Contender &contender, size_t step) {
     }
 }
 
-inline std::vector<Figures> measure(const Operation &operation) {
+inline std::vector<Figures> measure(const Operation &operation)
+{
     const std::vector<Contender> &all = operation.contenders;
     std::vector<size_t> sizes;
     std::vector<std::vector<double>> times(all.size());
@@ -135,30 +143,35 @@ inline std::vector<Figures> measure(const Operation &operation) {
     }
     std::vector<Figures> figures;
     for (size_t i = 0; i < all.size(); i++) {
-        figures.push_back({all[i].name, median(times[i]), all[0].floor ? ratio(i, 0) : 0, i == ours ? 0 : ratio(ours, i)});
+        figures.push_back(
+            {all[i].name, median(times[i]), all[0].floor ? ratio(i, 0) : 0, i == ours ? 0 : ratio(ours, i)});
     }
     return figures;
 }
 
-inline std::string format(const char *form, double value) {
+inline std::string format(const char *form, double value)
+{
     char text[64];
     snprintf(text, sizeof text, form, value);
     return text;
 }
 
-inline std::string time_text(double ns) {
+inline std::string time_text(double ns)
+{
     if (ns < 1000) {
         return format("%.3g ns", ns);
     }
     return ns < 1e6 ? format("%.3g µs", ns / 1e3) : format("%.3g ms", ns / 1e6);
 }
 
-inline std::string verdict(const std::string &target, bool met) {
+inline std::string verdict(const std::string &target, bool met)
+{
     return target + (met ? ": met" : ": **not met**");
 }
 
 // The targets of an operation and whether they are met.
-inline std::string verdicts(const Operation &operation, const std::vector<Figures> &figures, size_t ours) {
+inline std::string verdicts(const Operation &operation, const std::vector<Figures> &figures, size_t ours)
+{
     std::string text;
     auto add = [&](const std::string &more) { text += (text.empty() ? "" : "; ") + more; };
     if (operation.most > 0) {
@@ -170,21 +183,27 @@ inline std::string verdicts(const Operation &operation, const std::vector<Figure
     if (operation.faster > 0) {
         bool met = true;
         for (const Figures &peer : figures) {
-            met = met && (peer.name.find(operation.rivals) == std::string::npos || peer.ours_to_it * operation.faster <= 1);
+            met = met &&
+                  (peer.name.find(operation.rivals) == std::string::npos || peer.ours_to_it * operation.faster <= 1);
         }
-        add(verdict("every peer with a " + operation.rivals + format(" takes ≥ %g times as long", operation.faster), met));
+        add(verdict("every peer with a " + operation.rivals + format(" takes ≥ %g times as long", operation.faster),
+                    met));
     }
     return text;
 }
 
-inline void print_header(const char *title) {
-    fprintf(report(), "\n%s\n\n| operation | contender | time | ratio to the floor | libfrwk's ratio to it | target |\n"
-                      "|---|---|---:|---:|---:|---|\n", title);
+inline void print_header(const char *title)
+{
+    fprintf(report(),
+            "\n%s\n\n| operation | contender | time | ratio to the floor | libfrwk's ratio to it | target |\n"
+            "|---|---|---:|---:|---:|---|\n",
+            title);
     fflush(report());
 }
 
 // Measures one operation and prints its rows.
-inline void run(const Operation &operation) {
+inline void run(const Operation &operation)
+{
     std::vector<Figures> figures = measure(operation);
     for (size_t i = 0; i < figures.size(); i++) {
         const Figures &row = figures[i];
@@ -199,7 +218,8 @@ inline void run(const Operation &operation) {
 }
 
 // Keeps this process, and those it starts, on the last `count` processors.
-inline void use_cores(int count) {
+inline void use_cores(int count)
+{
     static const int available = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN));
     cpu_set_t set;
     CPU_ZERO(&set);

@@ -62,9 +62,11 @@ static key_sum sum_key(const char *key)
         break;                                                                                                         \
     }                                                                                                                  \
     sum += static_cast<uint32_t>(*p++) << (shift);
+        /* clang-format off */
         ADD(0) ADD(7) ADD(14) ADD(21) ADD(4) ADD(11) ADD(18) ADD(1)
         ADD(8) ADD(15) ADD(22) ADD(5) ADD(12) ADD(19) ADD(2) ADD(9)
         ADD(16) ADD(23) ADD(6) ADD(13) ADD(20) ADD(3) ADD(10) ADD(17)
+        /* clang-format on */
 #undef ADD
     }
     return {sum, static_cast<size_t>(p - reinterpret_cast<const unsigned char *>(key))};
