@@ -14,6 +14,9 @@
 #include "frwk_module.h"
 #include "frwk_submodule.h"
 
+/* Inside the library only: reached without the tables of the dynamic linker. */
+#pragma GCC visibility push(hidden)
+
 /* One slot of the submodule table. */
 struct frwk_smt_t {
     uint32_t sid;
@@ -62,5 +65,7 @@ uint32_t frwk_module_own_id();
 
 /* Gives the context its values of a started module; leaves id and timer_inited alone. */
 void frwk_module_reset(frwk_module_cb_t cb);
+
+#pragma GCC visibility pop
 
 #endif

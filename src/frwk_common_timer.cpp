@@ -36,7 +36,7 @@ struct pending_t {
 enum { ID_BUCKETS = 256 };
 static pending_t *by_id[ID_BUCKETS];
 
-static frwk_timer_t *timer_of(frwk_list_t *node)
+static frwk_timer_t *timer_of(const frwk_list_t *node)
 {
     return frwk_list_entry(node, frwk_timer_t, node);
 }
@@ -147,22 +147,35 @@ static bool due_later(const frwk_uptime_t *a, const frwk_uptime_t *b)
     return a->sec != b->sec ? a->sec > b->sec : a->usec > b->usec;
 }
 
-/*
- * Links the timer before the first one that frwk_time_diff() calls due later, that is in a later second or at least a
- * millisecond later in the same one.
- *
- * Most timers belong near the tail, so the search begins there. It first goes back to a record that is due no later
- * than the new one: by this very order nothing before that record is due a millisecond after it, so the place lies
- * behind it.
- */
-static void insert_sorted(frwk_timer_t *timer)
+/* Whether the search for the timer's place is likely shorter from the head of the list than from its tail. */
+static bool nearer_to_head(const frwk_list_t *head, const frwk_timer_t *timer)
 {
-    frwk_list_t *head = &g_s_timer_ctrl.list;
+    return frwk_time_diff(&timer->expire, &timer_of(head->next)->expire) <
+           frwk_time_diff(&timer_of(head->prev)->expire, &timer->expire);
+}
+
+/*
+ * The last record that is due no later than the timer, or the head when there is none. By the order of the list
+ * nothing before such a record is due a millisecond after it.
+ */
+static frwk_list_t *search_back(frwk_list_t *head, const frwk_timer_t *timer)
+{
     frwk_list_t *pos = head->prev;
     while (pos != head && due_later(&timer_of(pos)->expire, &timer->expire)) {
         pos = pos->prev;
     }
-    pos = pos->next;
+    return pos;
+}
+
+/*
+ * Links the timer before the first one that frwk_time_diff() calls due later, that is in a later second or at least a
+ * millisecond later in the same one. From whichever end the search begins, the place is the same.
+ */
+static void insert_sorted(frwk_timer_t *timer)
+{
+    frwk_list_t *head = &g_s_timer_ctrl.list;
+    bool forward = !frwk_list_empty(head) && nearer_to_head(head, timer);
+    frwk_list_t *pos = (forward ? head : search_back(head, timer))->next;
     while (pos != head && frwk_time_diff(&timer_of(pos)->expire, &timer->expire) <= 0) {
         pos = pos->next;
     }

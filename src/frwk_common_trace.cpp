@@ -68,7 +68,16 @@ static void append_text(line_t *line, const char *text)
 static void append_number(line_t *line, int number)
 {
     char digits[12];
-    append(line, digits, static_cast<size_t>(sprintf_s(digits, sizeof digits, "%d", number)));
+    char *first = digits + sizeof digits;
+    unsigned int left = number < 0 ? 0U - static_cast<unsigned int>(number) : static_cast<unsigned int>(number);
+    do {
+        *--first = static_cast<char>('0' + left % 10);
+        left /= 10;
+    } while (left > 0);
+    if (number < 0) {
+        *--first = '-';
+    }
+    append(line, first, static_cast<size_t>(digits + sizeof digits - first));
 }
 
 /* "level|file|function|line::" */
@@ -157,11 +166,13 @@ static void trace_console(line_t *line)
     fputs(line->text, stdout);
 }
 
-void frwk_trace_print(const char *file, const char *func, int line, int level, const char *fmt, ...)
+/*
+ * Puts the line together and hands it to its sink. Apart from frwk_trace_print(), which so has nothing to save and
+ * restore for a line that is suppressed.
+ */
+__attribute__((noinline)) static void print_line(const char *file, const char *func, int line, int level,
+                                                 const char *fmt, va_list args)
 {
-    if (g_s_module_ctx.level.load(std::memory_order_relaxed) < level) {
-        return;
-    }
     int mode = g_s_module_ctx.debug_mode.load(std::memory_order_relaxed);
     if (mode < SINK_SYSLOG_1 || mode > SINK_CONSOLE) {
         return;
@@ -179,11 +190,8 @@ void frwk_trace_print(const char *file, const char *func, int line, int level, c
         append_date(&text);
     }
     append_origin(&text, level, file, func, line);
-    va_list args;
-    va_start(args, fmt);
     errno = saved_errno; /* for %m */
     append_message(&text, fmt, args);
-    va_end(args);
 
     if (mode == SINK_CONSOLE) {
         trace_console(&text);
@@ -191,6 +199,17 @@ void frwk_trace_print(const char *file, const char *func, int line, int level, c
         trace_syslog(level, &text);
     }
     errno = saved_errno;
+}
+
+void frwk_trace_print(const char *file, const char *func, int line, int level, const char *fmt, ...)
+{
+    if (g_s_module_ctx.level.load(std::memory_order_relaxed) < level) {
+        return;
+    }
+    va_list args;
+    va_start(args, fmt);
+    print_line(file, func, line, level, fmt, args);
+    va_end(args);
 }
 
 /* --- levels by name ---------------------------------------------------------------------------------------------- */
@@ -232,13 +251,10 @@ const char *frwk_get_filename(const char *path)
     if (path == nullptr) {
         return "";
     }
-    const char *base = path;
-    for (const char *c = path; *c != '\0'; c++) {
-        if (*c == '/' || *c == '\\') {
-            base = c + 1;
-        }
-    }
-    return base;
+    const char *separator = strrchr(path, '/');
+    const char *base = separator != nullptr ? separator + 1 : path;
+    separator = strrchr(base, '\\');
+    return separator != nullptr ? separator + 1 : base;
 }
 
 void frwk_assert_debug(int cond, const char *expr, const char *file, const char *func, unsigned int line)
