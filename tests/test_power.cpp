@@ -81,7 +81,6 @@ Files cut_off(Files files, const std::string &path)
 }
 
 struct Killed {
-    const char *name;
     Files before;
     std::function<int()> change;
     std::string old_settings, new_settings;
@@ -97,7 +96,7 @@ void kill_everywhere(const std::vector<Killed> &rows, const std::string &path, c
         return read_file(path);
     };
     for (const Killed &row : rows) {
-        SCOPED_TRACE(row.name);
+        SCOPED_TRACE(row.old_settings + " to " + row.new_settings);
         restore(row.before);
         EXPECT_EQ(row.old_settings, settings());
         const std::string followed_old = followed_up();
@@ -116,7 +115,7 @@ void kill_everywhere(const std::vector<Killed> &rows, const std::string &path, c
                 GTEST_SKIP() << "processes cannot be traced here";
             }
             EXPECT_EQ(reached, WIFSIGNALED(status));
-            EXPECT_TRUE(reached || n > 20) << "the change was not traced to its end";
+            EXPECT_TRUE(reached || n > 20) << "not traced to its end";
             const std::string found = settings();
             EXPECT_TRUE(found == row.old_settings || found == row.new_settings) << found;
             EXPECT_EQ(found == row.old_settings ? followed_old : followed_new, followed_up());
@@ -129,12 +128,12 @@ TEST(Power, TraceSettingsKilledAtEverySystemCall)
     const auto one = [] { return frwk_set_trace_info(FRWK_MODULE_QTI, 2, "debug"); };
     const auto all = [] { return frwk_all_set_trace_info(2, "error"); };
     const Files set = with_settings();
-    kill_everywhere({{"one module", set, one, "1 4 1 old", "2 8 1 old"},
-                     {"first", {}, one, "0 0 1 -", "2 8 1 -"},
-                     {"after a cut-off save", cut_off(set, LOG), one, "1 4 1 old", "2 8 1 old"},
-                     {"all modules", set, all, "1 4 1 old", "2 1 1 old"},
-                     {"default", set, frwk_init_log_cfg_info, "1 4 1 old", "0 0 1 old"}},
-                    LOG, [] { return frwk_set_trace_info(FRWK_MODULE_MONITOR, 2, "warning"); });
+    const std::vector<Killed> rows = {{set, one, "1 4 1 old", "2 8 1 old"},
+                                      {{}, one, "0 0 1 -", "2 8 1 -"},
+                                      {cut_off(set, LOG), one, "1 4 1 old", "2 8 1 old"},
+                                      {set, all, "1 4 1 old", "2 1 1 old"},
+                                      {set, frwk_init_log_cfg_info, "1 4 1 old", "0 0 1 old"}};
+    kill_everywhere(rows, LOG, [] { return frwk_set_trace_info(FRWK_MODULE_MONITOR, 2, "warning"); });
 }
 
 TEST(Power, StartConfigurationKilledAtEverySystemCall)
@@ -142,12 +141,12 @@ TEST(Power, StartConfigurationKilledAtEverySystemCall)
     const auto cmd = [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "new"); };
     const auto flag = [] { return frwk_set_app_monitor_conf(FRWK_MODULE_QTI, 0) + 1; }; // no monitor runs
     const Files set = with_settings();
-    kill_everywhere({{"start arguments", set, cmd, "1 4 1 old", "1 4 1 new"},
-                     {"first", {}, cmd, "0 0 1 -", "0 0 1 new"},
-                     {"after a cut-off save", cut_off(set, START), cmd, "1 4 1 old", "1 4 1 new"},
-                     {"supervision flag", set, flag, "1 4 1 old", "1 4 0 old"},
-                     {"default", set, frwk_init_app_start_cfg_file, "1 4 1 old", "1 4 1 -"}},
-                    START, [] { return frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "x"); });
+    const std::vector<Killed> rows = {{set, cmd, "1 4 1 old", "1 4 1 new"},
+                                      {{}, cmd, "0 0 1 -", "0 0 1 new"},
+                                      {cut_off(set, START), cmd, "1 4 1 old", "1 4 1 new"},
+                                      {set, flag, "1 4 1 old", "1 4 0 old"},
+                                      {set, frwk_init_app_start_cfg_file, "1 4 1 old", "1 4 1 -"}};
+    kill_everywhere(rows, START, [] { return frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "x"); });
 }
 
 // A reader that finds a piece looks for the backup; by then the save may have ended.
@@ -232,7 +231,6 @@ TEST(Power, FullDisk)
                " config file fialed! from '" + path + "'";
     };
     const auto one = [] { return frwk_set_trace_info(FRWK_MODULE_QTI, 2, "debug"); };
-    const auto all = [] { return frwk_all_set_trace_info(2, "debug"); };
     const auto cmd = [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "new"); };
     const Files set = with_settings();
     const struct {
@@ -242,7 +240,7 @@ TEST(Power, FullDisk)
     } rows[] = {
         // clang-format off
         {set, one, "-1" + failed(LOG, "frwk_set_trace_info", "log")},
-        {set, all, "7" + failed(LOG, "frwk_all_set_trace_info", "log")},
+        {set, [] { return frwk_all_set_trace_info(2, ""); }, "7" + failed(LOG, "frwk_all_set_trace_info", "log")},
         {set, frwk_init_log_cfg_info, "7" + failed(LOG, "frwk_init_log_cfg_info", "log")},
         {{}, one, "4" + failed(LOG, "frwk_init_log_cfg_info", "log") + "|frwk_xml_file_parse: invalid xml '" + LOG +
                   "'!|frwk_set_trace_info: parse '" + LOG + "' failed."},
@@ -258,11 +256,10 @@ TEST(Power, FullDisk)
         while (filler << std::string(4096, 'x') << std::flush) {
         }
         EXPECT_EQ(row.outcome, call(row.change));
-        Files after;
-        for (const std::string &name : listing()) {
-            after[DIR + "/" + name] = read_file(DIR + "/" + name);
+        EXPECT_EQ(row.before.size(), listing().size());
+        for (const auto &[path, text] : row.before) {
+            EXPECT_EQ(text, read_file(path));
         }
-        EXPECT_EQ(row.before, after);
         std::filesystem::remove("/usrdata/filler");
     }
 }
