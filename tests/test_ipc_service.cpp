@@ -147,23 +147,6 @@ TEST(Service, AwaitsItsHandler)
     }
 }
 
-TEST(Service, AcknowledgesBeforeTheHandlerRuns)
-{
-    Module module(FRWK_MODULE_QMUXD, serve_and_trace);
-    int async = raw_connect("qmuxd"), sync = raw_connect("qmuxd");
-    raw_send(async, words({2, MSG_BLOCK, 1, 0, 4, 0}));
-    EXPECT_EQ(words({0, 0, 0}), raw_recv(async, 12));
-    EXPECT_FALSE(raw_closed(async, 50)) << "while the handler runs";
-    raw_send(sync, BLOCK);
-    EXPECT_EQ("", raw_recv(sync, 8, 50));
-    EXPECT_TRUE(wait_until([&] { return occurrences(module.out(), "blocked\n") == 2; })) << "both at once";
-    release();
-    EXPECT_TRUE(raw_closed(async));
-    EXPECT_EQ(words({0, 0}), raw_recv(sync, 9));
-    close(async);
-    close(sync);
-}
-
 TEST(Service, HostileFrames)
 {
     Module module(FRWK_MODULE_QMUXD, serve_and_trace);
@@ -324,7 +307,8 @@ TEST(Service, TwentyOneAtOnceAndNoSlotIsLost)
         }
         EXPECT_TRUE(idle(module, fds)) << count_threads(module.pid) << " threads";
         const long now = memory(module, "VmRSS");
-        EXPECT_TRUE(SANITIZED || emulated() || now <= resident + 1024 || round == 0) << now << " KiB after " << resident;
+        EXPECT_TRUE(SANITIZED || emulated() || now <= resident + 1024 || round == 0)
+            << now << " KiB after " << resident;
         resident = now;
     }
     fill_and_free(module);
@@ -377,12 +361,7 @@ TEST(LocalRequest, Sync)
                   handled_on = pthread_self();
                   seen_req = req;
                   seen_rsp = rsp;
-                  if (msg == 8) { // nested, not queued
-                      int32_t nested = 0;
-                      EXPECT_EQ(0, frwk_ipc_send_sync(4, 9, req, len, rsp, size, timeout, &nested));
-                      return nested + 1;
-                  }
-                  return from == 4 && len == 3 && size == 2 && timeout == 99 ? 2 : 1;
+                  return from == 4 && msg == 7 && len == 3 && size == 2 && timeout == 99 ? 2 : 1;
               }))
         << "replaces the earlier one";
     uint8_t req[3] = {}, rsp[2] = {};
@@ -390,8 +369,6 @@ TEST(LocalRequest, Sync)
     EXPECT_EQ(2, result);
     EXPECT_TRUE(pthread_equal(pthread_self(), handled_on));
     EXPECT_TRUE(seen_req == req && seen_rsp == rsp);
-    EXPECT_EQ(0, frwk_ipc_send_sync(4, 8, req, 3, rsp, 2, 99, &result));
-    EXPECT_EQ(3, result);
     EXPECT_EQ(0, frwk_ipc_msg_set(4, 7, nullptr, 0, 0, nullptr)) << "no result word";
     EXPECT_TRUE(seen_req == nullptr && seen_rsp == nullptr);
     EXPECT_EQ(0, frwk_ipc_msg_set(4, FRWK_MSG_SYS_LOG, "1234567", 7, 0, &result));

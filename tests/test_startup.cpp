@@ -145,26 +145,26 @@ TEST(StartUp, Tools)
 
 TEST(StartUp, RefusedLockFiles)
 {
+    enum { STALE, DIRECTORY, LINK, NO_DIRECTORY };
+    const std::string cannot_open = "can't open " + LOCK + "\n", runs = "the 'qmuxd' is already running!\n";
     const struct {
-        std::function<void()> prepare;
+        int what;
         int error;
         std::string text;
-    } rows[] = {
-        {[] { fs::create_directories(LOCK); }, 0, "can't open " + LOCK + "\n"},
-        {[] {
-             write_file("/tmp/victim", "precious");
-             fs::create_directories("/tmp/odm/lock");
-             fs::create_symlink("/tmp/victim", LOCK);
-         },
-         0, "can't open " + LOCK + "\n"},
-        {[] { write_file("/tmp/odm", "no directory"); }, 0, "can't open " + LOCK + "\n"},
-        {[] { write_file(LOCK, "stale"); }, EAGAIN, "the 'qmuxd' is already running!\n"},
-        {[] { write_file(LOCK, "stale"); }, EACCES, "the 'qmuxd' is already running!\n"},
-        {[] { write_file(LOCK, "stale"); }, ENOLCK, "can't lock " + LOCK + "\n"},
-    };
+    } rows[] = {{DIRECTORY, 0, cannot_open}, {LINK, 0, cannot_open}, {NO_DIRECTORY, 0, cannot_open},
+                {STALE, EAGAIN, runs},       {STALE, EACCES, runs},  {STALE, ENOLCK, "can't lock " + LOCK + "\n"}};
+    write_file("/tmp/victim", "precious");
     for (const auto &row : rows) {
         fs::remove_all("/tmp/odm");
-        row.prepare();
+        write_file(row.what == NO_DIRECTORY ? "/tmp/odm" : LOCK, "stale");
+        if (row.what == DIRECTORY || row.what == LINK) {
+            fs::remove(LOCK);
+        }
+        if (row.what == DIRECTORY) {
+            fs::create_directory(LOCK);
+        } else if (row.what == LINK) {
+            fs::create_symlink("/tmp/victim", LOCK);
+        }
         lock_error = row.error;
         Capture err(2);
         const int fds = count_fds(getpid());
