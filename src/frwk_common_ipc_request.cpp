@@ -104,11 +104,11 @@ static bool read_data(int fd, uint8_t *rsp, int32_t rsp_size, int32_t have, int3
 static int read_response(int fd, uint8_t *rsp, int32_t rspsize, int32_t *result)
 {
     response_t response;
-    const frwk_ipc_rsphdr_t &rsphdr = response.hdr;
     int32_t have = read_header(fd, &response, rspsize <= SMALL_RSP ? rspsize : 0);
     if (have < 0) {
         return FRWK_ERROR_RECV;
     }
+    const frwk_ipc_rsphdr_t &rsphdr = response.hdr;
     if (rsphdr.msg_len > 0) {
         FRWK_ASSERT(rsphdr.msg_len <= rspsize);
         memcpy_s(rsp, static_cast<size_t>(rspsize), response.data, static_cast<size_t>(have));

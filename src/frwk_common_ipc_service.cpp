@@ -238,13 +238,13 @@ static void dispatch(connection_t *conn, const frwk_ipc_reqhdr_t &hdr, const uin
 static void frwk_ipc_handle(connection_t *conn)
 {
     request_t request;
-    const frwk_ipc_reqhdr_t &hdr = request.hdr;
     int32_t have = frwk_ipc_recv_some(conn->fd, &request, sizeof request.hdr, sizeof request);
     have -= static_cast<int32_t>(sizeof request.hdr);
-    if (have < 0 || hdr.rsp_size < 0) {
+    if (have < 0 || request.hdr.rsp_size < 0) {
         FRWK_ERR("recv ipc header error!");
         return;
     }
+    const frwk_ipc_reqhdr_t &hdr = request.hdr;
     if (hdr.msg != FRWK_MSG_SYS_PING) {
         FRWK_INFO("Receive msg=%d from module=%s", static_cast<int>(hdr.msg), frwk_module_label(hdr.from));
     }
