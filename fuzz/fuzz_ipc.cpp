@@ -3,6 +3,7 @@
 #include "fuzz.h"
 
 #include <dirent.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -31,7 +32,7 @@ int connect_to_service()
     address.sun_family = AF_UNIX;
     strcpy(address.sun_path, "/tmp/odm/ipc/qmuxd");
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    CHECK(fd >= 0 && connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address) == 0);
+    CHECK(fd >= 0 && TEMP_FAILURE_RETRY(connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address)) == 0);
     return fd;
 }
 
@@ -59,8 +60,8 @@ void check_service()
     send_bytes(fd, request + "\1\2\3");
     frwk_ipc_rsphdr_t rsp;
     uint8_t data[5];
-    CHECK(recv(fd, &rsp, sizeof rsp, MSG_WAITALL) == sizeof rsp && rsp.rc == 6 && rsp.msg_len == 4);
-    CHECK(recv(fd, data, sizeof data, MSG_WAITALL) == 4 && memcmp(data, "\1\2\3\xff", 4) == 0);
+    CHECK(TEMP_FAILURE_RETRY(recv(fd, &rsp, sizeof rsp, MSG_WAITALL)) == sizeof rsp && rsp.rc == 6 && rsp.msg_len == 4);
+    CHECK(TEMP_FAILURE_RETRY(recv(fd, data, sizeof data, MSG_WAITALL)) == 4 && memcmp(data, "\1\2\3\xff", 4) == 0);
     close(fd);
 }
 
@@ -78,7 +79,13 @@ void settle()
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
+    // The fuzzer's own alarm clock must not end the waits of the service, which report a signal.
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    pthread_sigmask(SIG_BLOCK, &alarm, nullptr);
     CHECK(frwk_module_init(FRWK_MODULE_QMUXD, [](uint32_t) {}) == 0);
+    pthread_sigmask(SIG_UNBLOCK, &alarm, nullptr);
     CHECK(frwk_ipc_init(echo) == 0);
     trace_to_nothing();
     return 0;

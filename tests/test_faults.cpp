@@ -219,12 +219,15 @@ std::string attempt(const Scenario &scenario, int n)
             EXPECT_EQ(static_cast<ssize_t>(size), write(report[1], outcome.data(), size));
         }
         const auto given_back = [&] { return live_blocks == blocks && count_fds(getpid()) == fds; };
-        EXPECT_TRUE(kept || wait_until(given_back, 3000)) << live_blocks - blocks << " blocks leaked";
+        EXPECT_TRUE(kept || wait_until(given_back)) << live_blocks - blocks << " blocks leaked";
         EXPECT_TRUE(good || !scenario.state || scenario.state() == before) << scenario.state();
         if (!kept) {
             EXPECT_EQ(scenario.good, act(scenario)) << "afterwards";
         }
         fflush(stdout);
+        if (OWN_ALLOCATOR) { // the leak checker would hold the lock of the module for a while after the process
+            _exit(testing::Test::HasFailure() ? 1 : 0);
+        }
     });
     close(report[1]);
     const std::string outcome = raw_recv(report[0], 65536);
@@ -260,7 +263,8 @@ void sweep(const char *name, const Scenario &scenario, const std::string &table)
         const std::set<std::string> expected(
             std::sregex_token_iterator(outcomes.begin(), outcomes.end(), separator, -1), std::sregex_token_iterator());
         std::set<std::string> seen;
-        for (int n = 1; n == 1 || row[4] != "1"; n++) {
+        const int step = emulated() ? 5 : 1; // slow there: one call in five, and no outcome but the listed ones
+        for (int n = 1; n == 1 || row[4] != "1"; n += step) {
             SCOPED_TRACE(n);
             std::string outcome = attempt(scenario, n);
             if (outcome.empty() || testing::Test::HasFailure()) {
@@ -269,7 +273,11 @@ void sweep(const char *name, const Scenario &scenario, const std::string &table)
             outcome.resize(outcome.size() - (outcome.back() == '\n'));
             seen.insert(outcome);
         }
-        EXPECT_EQ(expected, seen);
+        if (step == 1) {
+            EXPECT_EQ(expected, seen);
+        } else {
+            EXPECT_TRUE(std::includes(expected.begin(), expected.end(), seen.begin(), seen.end())) << *seen.rbegin();
+        }
     }
 }
 
