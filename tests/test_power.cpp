@@ -191,7 +191,7 @@ TEST(Power, TwoWritersKilledAtRandom)
     pid_t pids[2] = {begin(0), begin(1)};
     srand(20);
     const long end = now_ms() + 40000; // sanitizers are slow
-    for (int round = 0; round < 200 && now_ms() < end && !HasFailure(); round++) {
+    for (int round = 0; round < (emulated() ? 50 : 200) && now_ms() < end && !HasFailure(); round++) {
         SCOPED_TRACE(round);
         usleep(static_cast<useconds_t>(rand() % 5000));
         int i = rand() % 2;
