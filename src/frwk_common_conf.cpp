@@ -223,6 +223,17 @@ static void place_first(const frwk_conf_t &conf, frwk_xml_doc_t *doc)
     frwk_buffer_free(&text);
 }
 
+/* Whether there are no settings: no file, or one that does not parse. One that cannot be opened now may hold some. */
+static bool holds_nothing(const frwk_conf_t &conf)
+{
+    unique_fd readable(open(conf.path, O_RDONLY | O_CLOEXEC));
+    if (readable.get() < 0) {
+        return errno == ENOENT;
+    }
+    bool whole;
+    return frwk_conf_doc_ptr(frwk_xml_file_parse_quiet(conf.path, &whole)) == nullptr;
+}
+
 static int add_default(const frwk_conf_t &conf, frwk_xml_node_t *root, const frwk_module_info_t &row)
 {
     const frwk_conf_site_t &site = conf.default_site;
@@ -270,8 +281,7 @@ int frwk_conf_write_default(const frwk_conf_t &conf)
     if (rc != FRWK_ERROR_SUCCESS) {
         return rc;
     }
-    bool whole;
-    if (frwk_conf_doc_ptr(frwk_xml_file_parse_quiet(conf.path, &whole)) == nullptr) {
+    if (holds_nothing(conf)) {
         place_first(conf, doc.get());
     }
     return frwk_conf_save(conf, conf.default_site, doc.get(), conf.path) ? FRWK_ERROR_SUCCESS

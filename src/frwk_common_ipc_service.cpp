@@ -14,6 +14,7 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -160,11 +161,45 @@ struct request_t {
     uint8_t body[SMALL_BODY];
 };
 
+/*
+ * A larger one. A peer may announce any size: from a certain one on the memory is mapped, so that what is announced but
+ * never sent or filled is never touched, and all of it goes back at once, whatever the heap has learnt meanwhile.
+ */
+struct block_t {
+    uint8_t *bytes;
+    size_t size;
+};
+
+enum { MAPPED_FROM = 128 * 1024 };
+
+/* Makes the block, zeroed; false when memory is short. */
+static bool make_block(block_t *block, size_t size)
+{
+    void *bytes;
+    if (size < MAPPED_FROM) {
+        bytes = calloc(1, size);
+    } else {
+        bytes = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        bytes = bytes != MAP_FAILED ? bytes : nullptr;
+    }
+    *block = {static_cast<uint8_t *>(bytes), size};
+    return bytes != nullptr;
+}
+
+static void free_block(const block_t *block)
+{
+    if (block->size < MAPPED_FROM) {
+        free(block->bytes);
+    } else if (block->bytes != nullptr) {
+        munmap(block->bytes, block->size);
+    }
+}
+
 /* What a connection thread must give back. */
 struct connection_t {
     int fd;
-    uint8_t *body; /* on the heap where it is large, else null */
-    uint8_t *rsp;  /* the same for the response frame */
+    block_t body; /* where it is large, else empty */
+    block_t rsp;  /* the same for the response frame */
 };
 
 static void end_connection(void *arg)
@@ -172,8 +207,8 @@ static void end_connection(void *arg)
     cancel_guard no_cancel;
     connection_t *conn = static_cast<connection_t *>(arg);
     close(conn->fd);
-    free(conn->body);
-    free(conn->rsp);
+    free_block(&conn->body);
+    free_block(&conn->rsp);
     g_s_module_ctx.ipc_threads.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -181,16 +216,15 @@ static void end_connection(void *arg)
 static bool receive_large_body(connection_t *conn, const request_t *request, int32_t have)
 {
     int32_t len = request->hdr.msg_len;
-    conn->body = static_cast<uint8_t *>(malloc(static_cast<size_t>(len)));
-    if (conn->body == nullptr) {
+    if (!make_block(&conn->body, static_cast<size_t>(len))) {
         FRWK_ERR("alloc for ipc recv body error!");
         return false;
     }
-    memcpy_s(conn->body, static_cast<size_t>(len), request->body, static_cast<size_t>(have));
+    uint8_t *body = conn->body.bytes;
+    memcpy_s(body, static_cast<size_t>(len), request->body, static_cast<size_t>(have));
     int32_t rest = len - have;
     /* Only a body of which nothing came yet is waited for. */
-    int32_t got =
-        have > 0 ? frwk_ipc_recv_rest(conn->fd, conn->body + have, rest) : frwk_ipc_recv(conn->fd, conn->body, rest);
+    int32_t got = have > 0 ? frwk_ipc_recv_rest(conn->fd, body + have, rest) : frwk_ipc_recv(conn->fd, body, rest);
     if (got != rest) {
         FRWK_ERR("ipc recv body error!");
         return false;
@@ -216,10 +250,9 @@ static void dispatch(connection_t *conn, const frwk_ipc_reqhdr_t &hdr, const uin
     size_t rsp_len = sizeof(frwk_ipc_rsphdr_t) + static_cast<size_t>(hdr.rsp_size);
     if (rsp_len <= sizeof small_rsp) {
         memset_s(rsp, sizeof small_rsp, 0, rsp_len);
+    } else if (make_block(&conn->rsp, rsp_len)) {
+        rsp = conn->rsp.bytes;
     } else {
-        rsp = conn->rsp = static_cast<uint8_t *>(calloc(1, rsp_len));
-    }
-    if (rsp == nullptr) {
         FRWK_ERR("alloc for ipc rsp error!");
         return;
     }
@@ -252,7 +285,7 @@ static void frwk_ipc_handle(connection_t *conn)
         if (!receive_large_body(conn, &request, have)) {
             return;
         }
-        dispatch(conn, hdr, conn->body);
+        dispatch(conn, hdr, conn->body.bytes);
     } else {
         dispatch(conn, hdr, hdr.msg_len > 0 ? request.body : nullptr);
     }
@@ -260,7 +293,7 @@ static void frwk_ipc_handle(connection_t *conn)
 
 static void *connection_main(void *arg)
 {
-    connection_t conn = {static_cast<int>(reinterpret_cast<intptr_t>(arg)), nullptr, nullptr};
+    connection_t conn = {static_cast<int>(reinterpret_cast<intptr_t>(arg)), {nullptr, 0}, {nullptr, 0}};
     pthread_cleanup_push(end_connection, &conn);
     frwk_ipc_handle(&conn);
     pthread_cleanup_pop(1);
