@@ -334,8 +334,9 @@ int frwk_xml_set_node_append(frwk_xml_node_t *parent, const char *name, const ch
     return node != nullptr ? frwk_xml_set_node_value(node, value) : frwk_xml_node_append(parent, name, value);
 }
 
-/* ======================================= The parser =======================================
- *
+/* ======================================= The parser ======================================= */
+
+/*
  * The state of a parse is the document: `cursor`, `line`, `status`, `error`, `node_count`. Runs of text are found with
  * the C library's searches and copied whole. On an error the cursor stays at the character that raised it, and `line`
  * counts the line feeds before it.
@@ -705,44 +706,37 @@ static void fail_at(frwk_xml_doc_t *doc, char *where, xml_error error)
  */
 static char *decode_text(frwk_xml_doc_t *doc, char *end, char *out)
 {
-    char *amp = nullptr; /* where the open reference's "&" is stored */
-    for (char *text = doc->cursor; text < end; text++) {
-        /* the next character that matters: none in an open reference but "&" and ";", outside only "&" */
-        size_t left = static_cast<size_t>(end - text);
-        size_t n = left;
-        char *semicolon = amp != nullptr ? static_cast<char *>(memchr(text, ';', left)) : nullptr;
-        if (semicolon != nullptr) {
-            n = static_cast<size_t>(semicolon - text);
-        }
-        if (char *next = static_cast<char *>(memchr(text, '&', n))) {
-            n = static_cast<size_t>(next - text);
-        }
+    char *text = doc->cursor;
+    for (;;) {
+        char *amp = static_cast<char *>(memchr(text, '&', static_cast<size_t>(end - text)));
+        size_t n = static_cast<size_t>((amp != nullptr ? amp : end) - text);
         memcpy(out, text, n);
         out += n;
-        text += n;
-        if (text == end) {
-            break;
+        if (amp == nullptr) {
+            return out;
         }
-
-        if (*text == ';') {
-            out = close_reference(amp, out, text);
-            amp = nullptr;
-        } else if (amp == nullptr) {
-            amp = out;
-            *out++ = '&';
-        } else {
-            out = nullptr;
+        char *close = amp + 1; /* character by character, since the name is short as a rule */
+        while (close < end && *close != ';' && *close != '&') {
+            close++;
         }
+        n = static_cast<size_t>(close - amp);
+        memcpy(out, amp, n);
+        if (close == end) {
+            return out + n;
+        }
+        out = *close == ';' ? close_reference(out, out + n, close) : nullptr;
         if (out == nullptr) {
-            fail_at(doc, text, ERROR_ENTITY);
+            fail_at(doc, close, ERROR_ENTITY);
             return nullptr;
         }
+        text = close + 1;
     }
-    return out;
 }
 
-static void read_decoded(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end)
+/* The text from the cursor to `end`, decoded, becomes the node's value. */
+static void take_decoded(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end)
 {
+    enum { SPARE_MAX = 64 }; /* bytes that the undecoded text needed and that may stay with the value */
     size_t n = static_cast<size_t>(end - doc->cursor);
     heap_ptr<char> value(n < UINT32_MAX ? static_cast<char *>(malloc(n + 1)) : nullptr);
     if (value == nullptr) {
@@ -756,9 +750,19 @@ static void read_decoded(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end)
     pass_to(doc, end);
     if (*end == '\0') {
         fail(doc, ERROR_ENTITY_OPEN);
-    } else if (!copy_value(node, value.get(), static_cast<size_t>(value_end - value.get()))) {
-        fail_memory(doc);
+        return;
     }
+    *value_end = '\0';
+    size_t len = static_cast<size_t>(value_end - value.get());
+    if (n - len > SPARE_MAX) {
+        char *shrunk = static_cast<char *>(realloc(value.get(), len + 1));
+        if (shrunk != nullptr) {
+            (void)value.release();
+            value.reset(shrunk);
+        }
+    }
+    node->value = value.release();
+    node->len = static_cast<uint32_t>(len);
 }
 
 void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
@@ -771,7 +775,7 @@ void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
     char *end = strchrnul(doc->cursor, '<');
     bool decode = (flags & FRWK_XML_RAW) == 0;
     if (decode && memchr(doc->cursor, '&', static_cast<size_t>(end - doc->cursor)) != nullptr) {
-        read_decoded(doc, node, end);
+        take_decoded(doc, node, end);
     } else if (*end == '\0') {
         fail_at(doc, end, ERROR_ENTITY_OPEN);
     } else {
@@ -1158,8 +1162,9 @@ frwk_xml_doc_t *frwk_xml_file_parse_quiet(const char *path, bool *whole)
     return parse_file(path, whole, true);
 }
 
-/* ====================================== The writers =======================================
- *
+/* ====================================== The writers ======================================= */
+
+/*
  * The layout of a node stands once; the two writers differ in where the text goes and in two details of a node.
  */
 
