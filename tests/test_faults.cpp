@@ -72,6 +72,9 @@ bool fails(const char *kind, const void *caller)
 
 } // namespace
 
+#if defined(__clang__)
+#pragma clang diagnostic ignored "-Wgnu-zero-variadic-macro-arguments"
+#endif
 // Stand-ins for calls of the C library, which the library under test finds before the real ones.
 #define FAILS(kind) fails(kind, __builtin_return_address(0))
 #define REAL(call) reinterpret_cast<decltype(&call)>(dlsym(RTLD_NEXT, #call))
