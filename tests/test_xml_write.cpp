@@ -130,9 +130,9 @@ TEST(XmlWrite, WhatIsSavedIsReadBack)
         text += "<a b=\"" + value + "\" c='" + value + "'><d>" + value + "</d></a>";
     }
     Doc doc(frwk_xml_cache_parse((text += "</r>").data()));
-    ASSERT_EQ(0, frwk_xml_file_save(doc.get(), "/tmp/a.xml"));
-    EXPECT_EQ(written(doc->root, SPACES), read_file("/tmp/a.xml"));
-    Doc again(frwk_xml_file_parse("/tmp/a.xml"));
+    ASSERT_EQ(0, frwk_xml_file_save(doc.get(), "/tmp/back.xml"));
+    EXPECT_EQ(written(doc->root, SPACES), read_file("/tmp/back.xml"));
+    Doc again(frwk_xml_file_parse("/tmp/back.xml"));
     EXPECT_EQ(below(doc->root), below(again->root));
 }
 
