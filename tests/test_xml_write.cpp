@@ -134,6 +134,8 @@ TEST(XmlWrite, WhatIsSavedIsReadBack)
     EXPECT_EQ(written(doc->root, SPACES), read_file("/tmp/back.xml"));
     Doc again(frwk_xml_file_parse("/tmp/back.xml"));
     EXPECT_EQ(below(doc->root), below(again->root));
+    std::string full = "<a>" + std::string(4088, 'x') + "</a>"; // just fills the first block of the buffer
+    EXPECT_EQ(full + "\n", written(Doc(frwk_xml_cache_parse(full.data()))->root, RAW));
 }
 
 // ---- save
