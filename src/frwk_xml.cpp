@@ -1111,6 +1111,9 @@ static char *read_file(const char *path, const char *func, bool quiet)
         return nullptr;
     }
     size_t n = fread(text.get(), 1, static_cast<size_t>(size), fp);
+    if (ferror(fp) != 0) {
+        n = 0; /* the disk failed: a piece of the file may well parse, and must not pass for the whole */
+    }
     text.get()[n] = '\0';
     fclose(fp);
     return text.release();
