@@ -23,7 +23,8 @@
 #include "frwk_xml_internal.h"
 
 /* The records of the library's edge, in units of a pointer: where two 32-bit words share one, the widths differ. */
-enum { WORD = sizeof(void *), PAIR = 8 };
+static constexpr size_t WORD = sizeof(void *);
+static constexpr size_t PAIR = 8;
 
 static_assert(offsetof(frwk_xml_doc_t, cursor) == WORD && offsetof(frwk_xml_doc_t, root) == 2 * WORD &&
               offsetof(frwk_xml_doc_t, status) == 3 * WORD && offsetof(frwk_xml_doc_t, error) == 3 * WORD + 4 &&
