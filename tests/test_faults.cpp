@@ -43,6 +43,7 @@ struct {
 std::atomic<int> calls_made{0};
 std::atomic<int> live_blocks{0};
 uintptr_t library_start, library_end;
+char trail[4096]; // the kinds of the calls that the library has made
 
 int find_library(dl_phdr_info *info, size_t, void *)
 {
@@ -59,7 +60,13 @@ int find_library(dl_phdr_info *info, size_t, void *)
 bool fails(const char *kind, const void *caller)
 {
     const uintptr_t at = reinterpret_cast<uintptr_t>(caller);
-    if (at < library_start || at >= library_end || fault.kind != kind) {
+    if (at < library_start || at >= library_end) {
+        return false;
+    }
+    if (strlen(trail) + strlen(kind) + 2 <= sizeof trail) {
+        strcat(strcat(trail, kind), " ");
+    }
+    if (fault.kind != kind) {
         return false;
     }
     const int number = ++calls_made;
@@ -119,6 +126,7 @@ void free(void *block)
 #endif
 void sync() noexcept // of this machine, which would take its time
 {
+    FAILS("sync");
 }
 STAND_IN(int, pthread_create, "thread", fault.error,
          (pthread_t * tid, const pthread_attr_t *attr, void *(*start)(void *), void *arg), (tid, attr, start, arg),
@@ -143,6 +151,7 @@ STAND_IN(size_t, fwrite, "fwrite", real(bytes, size, count / 2, fp),
          (const void *bytes, size_t size, size_t count, FILE *fp), (bytes, size, count, fp))
 STAND_IN(int, fflush, "fflush", EOF, (FILE * fp), (fp))
 STAND_IN(int, fclose, "fclose", (real(fp), EOF), (FILE * fp), (fp))
+STAND_IN(int, remove, "remove", -1, (const char *path), (path), noexcept)
 STAND_IN(int, rename, "rename", -1, (const char *from, const char *to), (from, to), noexcept)
 STAND_IN(int, fsync, "fsync", -1, (int fd), (fd))
 STAND_IN(int, flock, "flock", -1, (int fd, int operation), (fd, operation), noexcept)
@@ -497,6 +506,25 @@ TEST(Faults, Settings)
         write SHORT: 0|
         fsync EIO: 0|
         rename EIO: 0|)");
+}
+
+// Under the lock the old content is set aside before the new one is written, and given up once that is on the disk; the
+// first content of all comes into place whole.
+TEST(Faults, OrderOfASave)
+{
+    dl_iterate_phdr(find_library, nullptr);
+    const auto order = [](int (*writer)()) {
+        trail[0] = '\0';
+        EXPECT_EQ(0, writer());
+        const std::string looking = "(malloc|setsockopt|fcntl|fread|fopen (?!fwrite)|fclose (?!sync)) *";
+        return std::regex_replace(trail, std::regex(looking), "");
+    };
+    const auto set = [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "-q"); };
+    const std::string save = "remove rename fopen fwrite fflush fclose sync remove flock ";
+    put_files();
+    EXPECT_EQ("open flock " + save, order(set));
+    std::filesystem::remove(START);
+    EXPECT_EQ("open flock open open write fsync rename " + save, order(frwk_init_app_start_cfg_file));
 }
 
 TEST(Faults, StartUp)
