@@ -212,33 +212,34 @@ char thread_state(const std::string &task)
 void cancel_in(const char *name, const std::function<void()> &call, bool finishes = false)
 {
     SCOPED_TRACE(name);
-    struct Shared {
-        const std::function<void()> *call;
-        std::atomic<pid_t> tid{0};
-        std::atomic<bool> cleaned{false}, returned{false};
+    static struct { // outlives the thread
+        std::atomic<const std::function<void()> *> call{};
+        std::atomic<pid_t> tid{};
+        std::atomic<bool> cleaned{}, returned{};
     } shared;
     shared.call = &call;
+    shared.tid = 0;
+    shared.cleaned = shared.returned = false;
     const int fds = count_fds(getpid());
     const int threads = count_threads(getpid());
     pthread_t thread = frwk_thread_create(
-        [](void *arg) -> void * {
-            Shared *record = static_cast<Shared *>(arg);
-            pthread_cleanup_push([](void *flag) { *static_cast<std::atomic<bool> *>(flag) = true; }, &record->cleaned);
-            record->tid = gettid();
-            (*record->call)();
-            record->returned = true;
+        [](void *) -> void * {
+            pthread_cleanup_push([](void *) { shared.cleaned = true; }, nullptr);
+            shared.tid = gettid();
+            (*shared.call)();
+            shared.returned = true;
             pthread_testcancel();
             pthread_cleanup_pop(0);
             return nullptr;
         },
-        &shared);
+        nullptr);
     ASSERT_NE(FRWK_THREAD_INVALID, thread);
-    ASSERT_TRUE(wait_until([&] { return shared.tid != 0; }));
+    ASSERT_TRUE(wait_until([] { return shared.tid != 0; }));
     const std::string task = "/proc/self/task/" + std::to_string(shared.tid);
     usleep(20000);
     EXPECT_TRUE(wait_until([&] { return thread_state(task) == 'S'; }));
     frwk_thread_cancel(thread);
-    EXPECT_TRUE(wait_until([&] { return shared.cleaned.load(); })) << "not cancelled";
+    EXPECT_TRUE(wait_until([] { return shared.cleaned.load(); })) << "not cancelled";
     EXPECT_EQ(finishes, shared.returned);
     EXPECT_TRUE(wait_until([&] { return count_threads(getpid()) == threads; }));
     EXPECT_EQ(fds, count_fds(getpid()));
