@@ -43,9 +43,14 @@ inline std::string below(const frwk_xml_node_t *parent)
 // Runs `body` where recursion along 100,000 levels would not fit.
 inline void on_small_stack(const std::function<void()> &body)
 {
+#if defined(__SANITIZE_THREAD__)
+    const size_t size = 1024 * 1024; // its own records of the thread stand on the stack
+#else
+    const size_t size = 256 * 1024;
+#endif
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, 256 * 1024);
+    pthread_attr_setstacksize(&attr, size);
     EXPECT_EQ(0, pthread_setattr_default_np(&attr));
     std::thread(body).join();
 }
