@@ -141,6 +141,7 @@ STAND_IN(int, listen, "listen", -1, (int fd, int backlog), (fd, backlog), noexce
 STAND_IN(int, connect, "connect", -1, (int fd, const sockaddr *address, socklen_t size), (fd, address, size))
 STAND_IN(int, accept4, "accept", -1, (int fd, sockaddr *address, socklen_t *size, int flags),
          (fd, address, size, flags))
+STAND_IN(int, poll, "poll", -1, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 STAND_IN(ssize_t, send, "send", fault.error != 0 ? -1 : real(fd, bytes, size / 2, flags),
          (int fd, const void *bytes, size_t size, int flags), (fd, bytes, size, flags))
 STAND_IN(ssize_t, recv, "read", -1, (int fd, void *bytes, size_t size, int flags), (fd, bytes, size, flags))
@@ -264,6 +265,7 @@ void sweep(const char *name, const Scenario &scenario, const std::string &table)
                                                       {"EAGAIN", EAGAIN}, {"EIO", EIO},       {"ENOSPC", ENOSPC},
                                                       {"ENOLCK", ENOLCK}, {"ENFILE", ENFILE}};
     std::istringstream lines(table);
+    int faults = 0;
     for (std::string line; std::getline(lines, line);) {
         std::smatch row;
         if (testing::Test::HasFailure() || !std::regex_match(line, row, std::regex(" *(\\w+) (\\w+?)(!?)(1?): (.*)"))) {
@@ -290,6 +292,7 @@ void sweep(const char *name, const Scenario &scenario, const std::string &table)
             }
             outcome.resize(outcome.size() - (outcome.back() == '\n'));
             seen.insert(outcome);
+            faults++;
         }
         if (step == 1) {
             EXPECT_EQ(expected, seen);
@@ -365,6 +368,15 @@ TEST(Faults, Service)
         send EAGAIN!: -1|send ipc rsp error!
         send SHORT: 0|)");
     sweep("async", {serve, [&] { return ask(1); }, "0|"}, "send EPIPE: -1|ipc send async response error!");
+    const auto ask_late = [] {
+        const int fd = raw_connect("qti");
+        usleep(20000);
+        raw_send(fd, bytes_of(ReqHdr{4, FRWK_MSG_SYS_PING, 0, 1, 0, 0}));
+        const bool answered = raw_recv(fd, sizeof(RspHdr)).size() == sizeof(RspHdr);
+        close(fd);
+        return answered ? 0 : -1;
+    };
+    sweep("late", {serve, ask_late, "0|"}, "poll EINTR: -1|select recv error!; recv ipc header error!");
     // The first accept is under way before the fault can come, so there are two requests.
     sweep("accept", {serve, [&] { return ask(0) + ask(0); }, "0|"}, R"(
         accept EMFILE1: 0|ipc accept error, errno=24, cause: Too many open files
@@ -398,6 +410,36 @@ TEST(Faults, WithinTheModule)
         return id != 0 && frwk_timer_stop(id) == nullptr ? 1 : 0;
     };
     sweep("timer", {with_timers, start, "1|"}, "malloc ENOMEM: 0|alloc new timer[5] failed!");
+}
+
+TEST(Faults, Hash)
+{
+    const auto use = [] { // counts what could be had
+        int handles[17];  // one more than the first handle array holds
+        int had = 0;
+        for (int &handle : handles) {
+            handle = frwk_hash_create(5);
+            had += handle >= 0;
+        }
+        frwk_hash_value_t value = frwk_hash_value_string("text", 1);
+        had += value.data != 0;
+        if (frwk_hash_enter(handles[16], "key", value) != nullptr) {
+            had++;
+        } else {
+            free(reinterpret_cast<void *>(value.data));
+        }
+        for (int handle : handles) {
+            if (handle >= 0) {
+                frwk_hash_free(handle);
+            }
+        }
+        return had;
+    };
+    sweep("hash", {become_tool, use, "19|"},
+          R"(
+        malloc ENOMEM: 18|alloc error! / 18|alloc error!; alloc hash id error! / 18|alloc hash table error! / 18| / )"
+          "17|alloc error!; parameter is null! / 17|alloc error!; alloc hash id error!; parameter is null! / "
+          "17|alloc hash table error!; parameter is null!");
 }
 
 TEST(Faults, Values)
@@ -483,7 +525,9 @@ TEST(Faults, Settings)
     const auto cmd = [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "-q"); };
     const std::string names = "root\nmonitor\natfwd_daemon\ndial_test\nserial_bridge\nmbimd\nqti\nqmuxd\n";
     sweep("one", {put_files, one, "0|", files, false, true}, filled(setter, "-1|save log", LOG, "mode\nlevel"));
-    sweep("all", {put_files, all, "0|", files, false, true}, filled(table, "7|save log", LOG, ""));
+    sweep("all", {put_files, all, "0|", files, false, true},
+          filled(table + "\n malloc ENOMEM!: -1|frwk_xml_set_node_append SET / 4|parse PATH / SAVE", "7|save log", LOG,
+                 "mode\nlevel"));
     sweep("arguments", {put_files, cmd, "0|", files, false, true}, filled(setter, "-1|save start", START, "start_cmd"));
     sweep("default", {put_files, frwk_init_log_cfg_info, "0|", files, false, true},
           filled(writer, "7|save log", LOG, (names + "mode\nlevel").c_str()));
