@@ -300,6 +300,7 @@ void sweep(const char *name, const Scenario &scenario, const std::string &table)
             EXPECT_TRUE(std::includes(expected.begin(), expected.end(), seen.begin(), seen.end())) << *seen.rbegin();
         }
     }
+    printf("%s: %d faults\n", name, faults);
 }
 
 void become_tool()
