@@ -7,7 +7,6 @@
 // reads its answers, one sends garbage. At times the module is out of descriptors. Prints figures and ends with 1 where
 // something was answered wrongly or lost, or where memory, descriptors or threads have grown.
 #include <fcntl.h>
-#include <malloc.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -198,9 +197,6 @@ int main(int argc, char **argv)
     void *shared = mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     counts = new (shared) Counts();
     Module module(FRWK_MODULE_QMUXD, [] { // error lines are counted afterwards
-        // Else the C library would raise this limit to the largest block it has seen, and keep freed memory of up to
-        // twice that much in each of its arenas: megabytes that hide what leaks.
-        mallopt(M_MMAP_THRESHOLD, 128 * 1024);
         frwk_ipc_init(handler);
         frwk_debug_enable(3);
         frwk_trace_set("error");
@@ -212,7 +208,7 @@ int main(int argc, char **argv)
     usleep(100000); // its start is over
     const Size at_rest = size_of(module.pid);
 
-    const ReqHdr unread = {2, MSG_ECHO, 0, 1, 400000, 0}; // more than a socket holds
+    const ReqHdr unread = {2, MSG_ECHO, 0, 1, 4000000, 0}; // more than a socket holds
     const pid_t nuisances[] = {
         in_child([] { be_nuisance(&counts->silent, ""); }),
         in_child([&] { be_nuisance(&counts->unread, bytes_of(unread)); }),
