@@ -29,37 +29,14 @@ int count_fds(pid_t pid);
 int count_threads(pid_t pid); // without those that an emulator or a sanitizer adds to every process
 bool emulated(); // whether this process runs in qemu, which lacks ptrace and memory limits, and keeps memory of threads
 
-// ---- child processes
-
-struct Result {
-    int status = -1; // as waitpid() gives it; -1 when the child was still running at the deadline and was killed
-    std::string out;
-    std::string err;
-
-    bool ok() const;      // exited with 0, which takes that no expectation failed in the child
-    bool aborted() const; // ended by SIGABRT; what stood in the buffer of stdout is lost then, but not under TSan
-};
-std::ostream &operator<<(std::ostream &stream, const Result &result);
-
-// Runs `body` in a child of its own and ends it with exit(0), so that the leak checker looks at it.
-Result run_child(const std::function<void()> &body, int seconds = 60);
-
 // ---- traces
 
 // A trace line in parts; `brief()` is "level|file|func::msg", which leaves out what differs from run to run.
 struct TraceLine {
-    std::string name; // module in brackets and time stamp: console lines only
-    std::string time;
-    std::string level; // empty when the text is no trace line
-    std::string file;
-    std::string func;
-    int line = 0;
-    std::string msg;
+    std::string name, level, file, func, msg;
 
     std::string brief() const;
 };
-TraceLine parse_console_line(const std::string &line);
-TraceLine parse_syslog_text(const std::string &text);
 std::vector<TraceLine> parse_console(const std::string &text);
 
 // Redirects standard output (or error) of this process to memory while it lives.
@@ -71,7 +48,7 @@ struct Capture {
 
     std::string text(); // all so far
     std::vector<TraceLine> traces();
-    bool wait_for(const std::string &part, int ms = DEADLINE_MS);
+    bool wait_for(const std::string &part);
 
     int target;
     int saved;
@@ -93,9 +70,7 @@ struct SyslogSink {
     SyslogSink(const SyslogSink &) = delete;
     SyslogSink &operator=(const SyslogSink &) = delete;
 
-    std::vector<SyslogLine> lines();                                      // all so far
-    std::vector<SyslogLine> wait_for(size_t count, int ms = DEADLINE_MS); // all, once there are as many
-    bool wait_for(const std::string &part, int ms = DEADLINE_MS);
+    std::vector<SyslogLine> wait_for(size_t count); // all so far, once there are as many
 
     pid_t pid;
     int memory;
@@ -111,13 +86,11 @@ struct ReqHdr {
     int32_t rsp_size;
     int32_t msg_len;
 };
-static_assert(sizeof(ReqHdr) == 24, "request header");
 
 struct RspHdr {
     int32_t rc;
     int32_t msg_len;
 };
-static_assert(sizeof(RspHdr) == 8, "response header");
 
 template <typename T> std::string bytes_of(const T &record)
 {
@@ -129,7 +102,7 @@ int raw_connect(const std::string &module, int ms = DEADLINE_MS); // tries until
 int raw_listen(const std::string &module);                        // makes the directories too
 int raw_accept(int listener, int ms = DEADLINE_MS);               // -1
 bool raw_send(int fd, const std::string &bytes);                  // in one write
-std::string raw_recv(int fd, size_t size, int ms = DEADLINE_MS); // fewer bytes at the end of the stream or the deadline
+std::string raw_recv(int fd, size_t size, int ms = DEADLINE_MS);  // fewer bytes at the end of the stream or a deadline
 bool raw_closed(int fd, int ms = DEADLINE_MS); // true once the peer has closed, with nothing left to read
 
 struct Reply {
@@ -138,27 +111,46 @@ struct Reply {
     std::string data;
 };
 // Sends one request on a connection of its own and reads all of the answer.
-Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::string &body = "", int ms = DEADLINE_MS);
+Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::string &body = "");
 
-// ---- modules
+// ---- child processes
+
+struct Result {
+    int status = -1; // as waitpid() gives it; -1 when the child was still running at the deadline and was killed
+    std::string out;
+    std::string err;
+
+    bool ok() const;      // exited with 0, which takes that no expectation failed in the child
+    bool aborted() const; // ended by SIGABRT; what stood in the buffer of stdout is lost then, but not under TSan
+};
+std::ostream &operator<<(std::ostream &stream, const Result &result);
+
+// A child, once started, that runs `body` and ends with exit(), so that the leak checker looks at it.
+struct Process {
+    Process();
+    ~Process();
+    void start(const std::function<void()> &body);
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+
+    std::string out() const; // what it has written so far
+    std::string err() const;
+    bool wait_out(const std::string &part) const;
+    Result wait(int ms = DEADLINE_MS); // waits for it to end by itself; it is killed at the deadline
+    Result stop(int signal);
+
+    int out_memory, err_memory;
+    pid_t pid; // -1 once it was waited for
+};
+Result run_child(const std::function<void()> &body, int seconds = 60);
 
 // A process that is a module: runs frwk_module_init(id, cb), then `set_up`, then waits. The constructor returns once it
 // is ready (or has failed), and the destructor ends it by exit(0) and expects that nothing was reported by then.
-struct Module {
+struct Module : Process {
     explicit Module(uint32_t id, const std::function<void()> &set_up = {}, frwk_module_cb_t cb = nullptr);
     ~Module();
-    Module(const Module &) = delete;
-    Module &operator=(const Module &) = delete;
 
-    std::string out(); // what it has written so far
-    std::string err();
-    bool wait_out(const std::string &part, int ms = DEADLINE_MS);
-    Result wait(int ms = DEADLINE_MS);             // waits for it to end by itself; it is killed at the deadline
-    Result stop(int signal, int ms = DEADLINE_MS); // SIGTERM is answered by exit(0)
-
-    pid_t pid = -1;
-    bool ready = false; // frwk_module_init() gave 0 and `set_up` returned
-    int memory[3] = {-1, -1, -1};
+    bool ready; // frwk_module_init() gave 0 and `set_up` returned
 };
 
 } // namespace frwk_test
