@@ -1,6 +1,7 @@
-#include "xml_test.h"
+#include <set>
 
-using namespace xml_test;
+#include "text_test.h"
+#include "xml_tree.h"
 
 namespace {
 
@@ -35,7 +36,6 @@ TEST(XmlModel, SetsAndFindsElements)
     EXPECT_STREQ("1", frwk_xml_get_attr_value(b, "x"));
     EXPECT_STREQ("", frwk_xml_get_attr_value(b, "X"));
     EXPECT_TRUE(*frwk_xml_get_attr_value(nullptr, "x") == '\0' && *frwk_xml_get_attr_value(b, nullptr) == '\0');
-    EXPECT_EQ(0, frwk_xml_set_node_value(b, b->value));
     EXPECT_EQ(0, frwk_xml_set_node_append(root, "b", b->value + 1));
     char *value = frwk_xml_get_node_value(b);
     EXPECT_STREQ("ew", value);
@@ -71,28 +71,44 @@ TEST(XmlModel, RefusalsAreTraced)
 // Every allocation of each call fails in turn: the call says so, and the tree stays as it was.
 TEST(XmlModel, ShortMemoryChangesNothing)
 {
-    Doc doc(frwk_xml_alloc_doc());
-    ASSERT_EQ(0, frwk_xml_node_append(doc->root, "a", "old"));
-    const auto set = [&](int refused, const char *name) {
-        allocations_left = refused;
-        EXPECT_EQ(FRWK_ERROR_NO_MEMORY, frwk_xml_set_node_append(doc->root, name, "x"));
-        EXPECT_EQ("a'old'", below(doc->root));
+    frwk_test::write_file("/tmp/a.xml", "<?x y?><!D e><!--c--><a b='1'>x&amp;y<c><d>z</d></c></a>");
+    const std::function<bool(Doc &)> calls[] = {
+        [](Doc &doc) { return doc.reset(frwk_xml_file_parse("/tmp/a.xml")), doc != nullptr; },
+        [](Doc &doc) { return frwk_xml_set_node_append(doc->root, "a", "x") == 0; },
+        [](Doc &doc) { return frwk_xml_set_node_append(doc->root, "b", "x") == 0; },
+        [](Doc &doc) { return frwk_xml_file_save(doc.get(), "/tmp/b.xml") == 0; },
     };
-    const std::string no_node = "frwk_xml_alloc_node: alloc for xml node failed!";
-    const std::string no_append = "frwk_xml_node_append: append node failed!";
-    EXPECT_EQ((Texts{"frwk_xml_set_node_value: alloc for xml node value failed!", no_node, no_append, no_append,
-                     no_append, "frwk_xml_alloc_doc: alloc for xml doc failed!", no_node,
-                     "frwk_xml_alloc_doc: alloc for xml root node failed!",
-                     "frwk_xml_alloc_attr: alloc for xml node atrribute failed!"}),
-              said([&] {
-                  set(1, "a"), set(1, "b"), set(2, "b"), set(3, "b");
-                  for (int refused : {1, 2}) {
-                      allocations_left = refused;
-                      EXPECT_EQ(nullptr, frwk_xml_alloc_doc());
-                  }
-                  allocations_left = 1;
-                  EXPECT_EQ(nullptr, frwk_xml_alloc_attr());
-              }));
+    std::set<std::string> messages;
+    for (const auto &call : calls) {
+        bool all = false;
+        for (int refused = 1; !all; refused++) {
+            Doc doc(frwk_xml_file_parse("/tmp/a.xml"));
+            const std::string before = below(doc->root);
+            bool done = false;
+            const Texts lines = said([&] {
+                allocations_left = refused;
+                done = call(doc);
+                all = allocations_left > 0;
+            });
+            messages.insert(lines.begin(), lines.end());
+            EXPECT_EQ(done, lines.empty());
+            EXPECT_TRUE(done || doc == nullptr || below(doc->root) == before);
+        }
+    }
+    std::string all;
+    for (const std::string &message : messages) {
+        all += message.substr(5) + "|";
+    }
+    EXPECT_EQ(
+        "buffer_init: init buffer[4096] failed!|xml_alloc_attr: alloc for xml node atrribute failed!|xml_alloc_doc: "
+        "alloc for xml doc failed!|xml_alloc_doc: alloc for xml root node failed!|xml_alloc_node: alloc for xml node "
+        "failed!|xml_cache_parse: Error: line:1,status:-1,cause:Not enough memory!|xml_cache_parse: alloc for xml doc "
+        "failed!|xml_file_parse: alloc for xml '/tmp/a.xml' failed!|xml_file_parse: invalid xml "
+        "'/tmp/a.xml'!|xml_file_parse: open xml file error, errno=0, cause: Success|xml_file_parse: parse xml "
+        "'/tmp/a.xml' failed!|xml_file_save: alloc for xml '/tmp/b.xml' failed!|xml_file_save: create xml "
+        "'/tmp/b.xml' failed!|xml_file_save: init xml '/tmp/b.xml' cache failed!|xml_node_append: append node "
+        "failed!|xml_set_node_value: alloc for xml node value failed!|",
+        all);
 }
 #endif
 
