@@ -36,18 +36,6 @@ inline void put(const std::string &path, const char *text, const char *backup = 
     }
 }
 
-const char BROKEN[] = "<root><qti>\n</root>";
-
-// What is said of that file by a call that cannot do without it.
-inline std::string broken(const std::string &path, const std::string &func)
-{
-    return "|frwk_xml_cache_parse: Error: line:2,status:4,cause:Opening and ending tag mismatch!|frwk_xml_file_parse: "
-           "parse xml '" +
-           path + "' failed!|" + func + ": parse '" + path + "' failed.";
-}
-
-const char MADE[] = "0|debug frwk_system: exec cmd 'mkdir /usrdata/odm' success!";
-
 // What a call returns and what it says with all traces on: "result|function: message|...", where a message that is no
 // error has its level in front.
 inline std::string call(const std::function<int()> &body)
@@ -63,6 +51,16 @@ inline std::string call(const std::function<int()> &body)
     return text;
 }
 
+const char MADE[] = "0|debug frwk_system: exec cmd 'mkdir /usrdata/odm' success!", BROKEN[] = "<root><qti>\n</root>";
+
+// What is said of the broken file by a call that cannot do without it.
+inline std::string broken(const std::string &path, const std::string &func)
+{
+    return "4|frwk_xml_cache_parse: Error: line:2,status:4,cause:Opening and ending tag mismatch!|frwk_xml_file_parse: "
+           "parse xml '" +
+           path + "' failed!|" + func + ": parse '" + path + "' failed.";
+}
+
 struct Change {
     const char *before; // the file; null: there is none
     std::function<int()> change;
@@ -72,7 +70,6 @@ struct Change {
 inline void check(const std::string &path, const std::vector<Change> &changes)
 {
     for (const Change &row : changes) {
-        SCOPED_TRACE(row.outcome + " on " + (row.before != nullptr ? row.before : "no file"));
         put(path, row.before);
         EXPECT_EQ(row.outcome, call(row.change));
         EXPECT_EQ(row.after, frwk_test::read_file(path));
