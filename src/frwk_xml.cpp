@@ -50,8 +50,11 @@ static frwk_xml_attr_t *attr_of(frwk_list_t *link)
     return frwk_list_entry(link, frwk_xml_attr_t, list);
 }
 
-/* A copy of n bytes as a string; null when memory is short or the length does not fit the word of a node. */
-static char *copy_text(const char *text, size_t n)
+/*
+ * A copy of n bytes as a string; null when memory is short or the length does not fit the word of a node. Not inline:
+ * where the compiler sees that n is small, it copies by string instructions, which are slow to start.
+ */
+__attribute__((noinline)) static char *copy_text(const char *text, size_t n)
 {
     char *copy = n < UINT32_MAX ? static_cast<char *>(malloc(n + 1)) : nullptr;
     if (copy != nullptr) {
@@ -132,9 +135,16 @@ frwk_xml_node_t *frwk_xml_alloc_node(void)
         FRWK_ERR("alloc for xml node failed!");
         return nullptr;
     }
-    *node = {};
+    /* Member by member, which compilers turn into a few stores; clearing the whole record starts a slow loop. */
+    node->name = nullptr;
+    node->len = 0;
+    node->value = nullptr;
+    node->type = 0;
+    node->depth = 0;
+    node->list = {nullptr, nullptr};
     node->attrs = {&node->attrs, &node->attrs};
     node->children = {&node->children, &node->children};
+    node->parent = nullptr;
     return node;
 }
 
@@ -362,7 +372,7 @@ static void fail_memory(frwk_xml_doc_t *doc)
     doc->error = ERROR_MEMORY;
 }
 
-enum char_class : uint8_t { LETTER = 1, NAME_CHAR = 2, BLANK = 4, LOCALE = 8 };
+enum char_class : uint8_t { LETTER = 1, NAME_CHAR = 2, BLANK = 4, LOCALE = 8, NAME_END = 16 };
 
 /* Bytes below 128 are classed alike in every locale; only the others are worth a call of the C library. */
 struct char_classes {
@@ -374,8 +384,9 @@ struct char_classes {
             bool letter = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
             bool name_char = letter || (c >= '0' && c <= '9') || c == '_' || c == '-' || c == ':';
             bool blank = c == ' ' || c == '\n' || c == '\t' || c == '\r';
+            bool name_end = blank || c == '/' || c == '>' || c == '?';
             of[c] = static_cast<uint8_t>((letter ? LETTER : 0) | (name_char ? NAME_CHAR : 0) | (blank ? BLANK : 0) |
-                                         (c >= 0x80 ? LOCALE : 0));
+                                         (c >= 0x80 ? LOCALE : 0) | (name_end ? NAME_END : 0));
         }
     }
 };
@@ -392,28 +403,41 @@ static bool is_blank(char c)
     return (class_of(c) & BLANK) != 0;
 }
 
+/* Apart and not inline, so that the loops over names stay short. */
+__attribute__((noinline)) static bool is_locale_letter(char c)
+{
+    return isalpha(static_cast<unsigned char>(c)) != 0;
+}
+
+__attribute__((noinline)) static bool is_locale_name_char(char c)
+{
+    return isalnum(static_cast<unsigned char>(c)) != 0;
+}
+
 static bool is_letter(char c)
 {
     uint8_t known = class_of(c);
-    return (known & LETTER) != 0 || ((known & LOCALE) != 0 && isalpha(static_cast<unsigned char>(c)) != 0);
+    return (known & LETTER) != 0 || ((known & LOCALE) != 0 && is_locale_letter(c));
 }
 
 static bool is_name_char(char c)
 {
     uint8_t known = class_of(c);
-    return (known & NAME_CHAR) != 0 || ((known & LOCALE) != 0 && isalnum(static_cast<unsigned char>(c)) != 0);
+    return (known & NAME_CHAR) != 0 || ((known & LOCALE) != 0 && is_locale_name_char(c));
 }
 
 static uint32_t count_lines(const char *text, size_t n)
 {
-    enum { BLOCK = 128 }; /* fits the counter, and vector registers */
+    enum { HALF = 240 }; /* fits the counters, and vector registers; two at a time keep the processor busy */
     uint32_t lines = 0;
-    for (; n >= BLOCK; n -= BLOCK, text += BLOCK) {
-        uint8_t in_block = 0;
-        for (int i = 0; i < BLOCK; i++) {
-            in_block = static_cast<uint8_t>(in_block + (text[i] == '\n' ? 1 : 0));
+    for (; n >= 2 * HALF; n -= 2 * HALF, text += 2 * HALF) {
+        uint8_t first = 0;
+        uint8_t second = 0;
+        for (int i = 0; i < HALF; i++) {
+            first = static_cast<uint8_t>(first + (text[i] == '\n' ? 1 : 0));
+            second = static_cast<uint8_t>(second + (text[i + HALF] == '\n' ? 1 : 0));
         }
-        lines += in_block;
+        lines += static_cast<uint32_t>(first) + second;
     }
     for (const char *end = text + n; (text = static_cast<const char *>(memchr(text, '\n', n))) != nullptr; lines++) {
         text++;
@@ -422,39 +446,15 @@ static uint32_t count_lines(const char *text, size_t n)
     return lines;
 }
 
-/* Moves the cursor to `end`, which lies behind it, and counts the lines that it passes. */
-static void pass_to(frwk_xml_doc_t *doc, char *end)
-{
-    doc->line += count_lines(doc->cursor, static_cast<size_t>(end - doc->cursor));
-    doc->cursor = end;
-}
-
 static void pass_blanks(frwk_xml_doc_t *doc)
 {
     char *text = doc->cursor;
     uint32_t lines = 0;
-    for (;; text++) {
-        while (*text == ' ') {
-            text++;
-        }
-        if (*text == '\n') {
-            lines++;
-        } else if (*text != '\t' && *text != '\r') {
-            break;
-        }
+    for (; is_blank(*text); text++) {
+        lines += *text == '\n' ? 1 : 0;
     }
     doc->cursor = text;
     doc->line += lines;
-}
-
-/* The text from the cursor to `end` becomes the node's value; the cursor moves to `next`, behind the end mark. */
-static void take_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end, char *next)
-{
-    char *text = doc->cursor;
-    pass_to(doc, next);
-    if (!copy_value(node, text, static_cast<size_t>(end - text))) {
-        fail_memory(doc);
-    }
 }
 
 /* ----------------------------------- Entity references ------------------------------------ */
@@ -498,6 +498,18 @@ static char *close_reference(char *amp, char *out, char *semicolon)
 
 /* ----------------------------------------- Names ------------------------------------------ */
 
+static size_t name_length(const char *text)
+{
+    const char *end = text;
+    while ((class_of(*end) & NAME_CHAR) != 0) {
+        end++;
+    }
+    while (is_name_char(*end)) { /* behind a character above 127 */
+        end++;
+    }
+    return static_cast<size_t>(end - text);
+}
+
 int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
 {
     char *name = doc->cursor;
@@ -505,16 +517,13 @@ int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
         fail(doc, ERROR_TAG_NAME);
         return STATUS_SYNTAX;
     }
-    size_t n = 1;
-    while (is_name_char(name[n])) {
-        n++;
-    }
+    size_t n = name_length(name);
     doc->cursor = name + n;
     if (n > TAG_NAME_MAX || name[n] == '\0') {
         fail(doc, ERROR_TAG_LONG);
         return STATUS_SYNTAX;
     }
-    if (!is_blank(name[n]) && name[n] != '/' && name[n] != '>' && name[n] != '?') {
+    if ((class_of(name[n]) & NAME_END) == 0) {
         fail(doc, ERROR_TAG_NAME);
         return STATUS_SYNTAX;
     }
@@ -529,127 +538,85 @@ int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
 
 /* --------------------------------------- Attributes --------------------------------------- */
 
-/* An attribute while it is read. */
-struct attr_text {
-    const char *name; /* in the text */
-    size_t name_len;
-    char value[ATTR_VALUE_MAX + 1]; /* one more than may be held, so that too many are seen */
-    char *end;                      /* of what is held */
-    char *amp;                      /* where the open reference's "&" is held */
-    char quote;
-};
+/*
+ * A part of an attribute is read up to the character behind it; false after an error. The limits are tested before that
+ * character is looked at, whatever it is.
+ */
 
-enum attr_state { BEFORE_NAME, NAME, AFTER_NAME, AFTER_EQUALS, VALUE, REFERENCE, COMPLETE, NO_ATTR };
-
-static attr_state fail_attr(frwk_xml_doc_t *doc, xml_error error)
+static bool fail_attr(frwk_xml_doc_t *doc, xml_error error)
 {
     fail(doc, error);
-    return NO_ATTR;
+    return false;
 }
 
-/* One blank; stays in, or goes to, the given state. */
-static attr_state pass_blank(frwk_xml_doc_t *doc, attr_state next)
+/* Blanks, the given mark or the other one, and the mark itself. */
+static bool pass_mark(frwk_xml_doc_t *doc, char mark, char other)
 {
-    doc->line += *doc->cursor == '\n' ? 1 : 0;
-    doc->cursor++;
-    return next;
-}
-
-static attr_state step_over(frwk_xml_doc_t *doc, attr_state next)
-{
-    doc->cursor++;
-    return next;
-}
-
-static attr_state hold(frwk_xml_doc_t *doc, attr_text *attr, attr_state next)
-{
-    *attr->end++ = *doc->cursor;
-    return pass_blank(doc, next);
-}
-
-static attr_state end_attr_reference(frwk_xml_doc_t *doc, attr_text *attr)
-{
-    char *end = close_reference(attr->amp, attr->end, doc->cursor);
-    if (end == nullptr) {
-        return fail_attr(doc, ERROR_ENTITY);
+    pass_blanks(doc);
+    if (*doc->cursor != mark && *doc->cursor != other) {
+        return fail_attr(doc, ERROR_ATTR);
     }
-    attr->end = end;
-    return step_over(doc, VALUE);
+    doc->cursor++;
+    return true;
 }
 
-/* Reads the character at the cursor, which is not the text's end; returns the state that follows. */
-static attr_state read_attr_char(frwk_xml_doc_t *doc, attr_text *attr, attr_state state, uint32_t flags)
+static bool read_attr_name(frwk_xml_doc_t *doc, size_t *len)
 {
-    char c = *doc->cursor;
-    switch (state) {
-    case BEFORE_NAME:
-        if (is_blank(c)) {
-            return pass_blank(doc, BEFORE_NAME);
+    if (!is_letter(*doc->cursor)) {
+        return fail_attr(doc, *doc->cursor == '\0' ? ERROR_ATTR : ERROR_ATTR_NAME);
+    }
+    *len = name_length(doc->cursor);
+    if (*len > ATTR_NAME_MAX) {
+        doc->cursor += ATTR_NAME_MAX + 1;
+        return fail_attr(doc, ERROR_ATTR_NAME_LONG);
+    }
+    doc->cursor += *len;
+    return true;
+}
+
+/* Decodes up to the quote, which is passed over; `value` has room for ATTR_VALUE_MAX + 1 characters. */
+static bool read_attr_value(frwk_xml_doc_t *doc, char quote, bool decode, char *value, size_t *len)
+{
+    char *end = value;
+    char *amp = nullptr; /* where the "&" of an open reference is held */
+    for (;; doc->cursor++) {
+        char c = *doc->cursor;
+        if (end - value > ATTR_VALUE_MAX) {
+            return fail_attr(doc, ERROR_ATTR_VALUE_LONG);
         }
-        if (c == '/' || c == '>') {
-            return NO_ATTR;
+        if (c == '\0') {
+            return fail_attr(doc, ERROR_ATTR);
         }
-        if (is_letter(c)) {
-            attr->name = doc->cursor;
-            attr->name_len = 1;
-            return step_over(doc, NAME);
+        if (c == quote) {
+            doc->cursor++;
+            *len = static_cast<size_t>(end - value);
+            return true;
         }
-        return fail_attr(doc, ERROR_ATTR_NAME);
-    case NAME:
-        if (is_name_char(c)) {
-            attr->name_len++;
-            return step_over(doc, NAME);
+        if (amp != nullptr && c == ';') {
+            end = close_reference(amp, end, doc->cursor);
+            if (end == nullptr) {
+                return fail_attr(doc, ERROR_ENTITY);
+            }
+            amp = nullptr;
+            continue;
         }
-        [[fallthrough]]; /* what may follow a name may follow it at once */
-    case AFTER_NAME:
-        if (is_blank(c)) {
-            return pass_blank(doc, AFTER_NAME);
+        if (amp != nullptr && !is_letter(c)) {
+            return fail_attr(doc, ERROR_ENTITY);
         }
-        if (c == '=') {
-            return step_over(doc, AFTER_EQUALS);
+        if (c == '&' && decode) {
+            amp = end;
         }
-        return fail_attr(doc, ERROR_ATTR);
-    case AFTER_EQUALS:
-        if (is_blank(c)) {
-            return pass_blank(doc, AFTER_EQUALS);
-        }
-        if (c == '"' || c == '\'') {
-            attr->quote = c;
-            return step_over(doc, VALUE);
-        }
-        return fail_attr(doc, ERROR_ATTR);
-    case VALUE:
-        if (c == attr->quote) {
-            return step_over(doc, COMPLETE);
-        }
-        if (c == '&' && (flags & FRWK_XML_RAW) == 0) {
-            attr->amp = attr->end;
-            return hold(doc, attr, REFERENCE);
-        }
-        return hold(doc, attr, VALUE);
-    case REFERENCE:
-        if (c == attr->quote) {
-            return step_over(doc, COMPLETE);
-        }
-        if (c == ';') {
-            return end_attr_reference(doc, attr);
-        }
-        if (is_letter(c)) {
-            return hold(doc, attr, REFERENCE);
-        }
-        return fail_attr(doc, ERROR_ENTITY);
-    default:
-        return state;
+        *end++ = c;
+        doc->line += c == '\n' ? 1 : 0;
     }
 }
 
-/* The attribute that was read, as a record; null when memory is short. */
-static frwk_xml_attr_t *make_attr(frwk_xml_doc_t *doc, const attr_text *text)
+static frwk_xml_attr_t *make_attr(frwk_xml_doc_t *doc, const char *name, size_t name_len, const char *value, size_t len)
 {
     frwk_xml_attr_t *attr = frwk_xml_alloc_attr();
     if (attr != nullptr) {
-        attr->name = copy_text(text->name, text->name_len);
-        attr->value = copy_text(text->value, static_cast<size_t>(text->end - text->value));
+        attr->name = copy_text(name, name_len);
+        attr->value = copy_text(value, len);
     }
     if (attr == nullptr || attr->name == nullptr || attr->value == nullptr) {
         frwk_xml_free_attr(attr);
@@ -661,23 +628,19 @@ static frwk_xml_attr_t *make_attr(frwk_xml_doc_t *doc, const attr_text *text)
 
 frwk_xml_attr_t *frwk_xml_read_attr(frwk_xml_doc_t *doc, uint32_t flags)
 {
-    attr_text attr;
-    attr.name_len = 0;
-    attr.end = attr.value;
-
-    attr_state state = BEFORE_NAME;
-    while (state < COMPLETE) {
-        if (attr.name_len > ATTR_NAME_MAX) {
-            state = fail_attr(doc, ERROR_ATTR_NAME_LONG);
-        } else if (attr.end - attr.value > ATTR_VALUE_MAX) {
-            state = fail_attr(doc, ERROR_ATTR_VALUE_LONG);
-        } else if (*doc->cursor == '\0') {
-            state = fail_attr(doc, ERROR_ATTR);
-        } else {
-            state = read_attr_char(doc, &attr, state, flags);
-        }
+    pass_blanks(doc);
+    const char *name = doc->cursor;
+    if (*name == '/' || *name == '>') {
+        return nullptr;
     }
-    return state == COMPLETE ? make_attr(doc, &attr) : nullptr;
+    char value[ATTR_VALUE_MAX + 1];
+    size_t name_len;
+    size_t len;
+    if (!read_attr_name(doc, &name_len) || !pass_mark(doc, '=', '=') || !pass_mark(doc, '"', '\'') ||
+        !read_attr_value(doc, doc->cursor[-1], (flags & FRWK_XML_RAW) == 0, value, &len)) {
+        return nullptr;
+    }
+    return make_attr(doc, name, name_len, value, len);
 }
 
 int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
@@ -694,75 +657,83 @@ int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
 
 /* ------------------------------------------ Text ------------------------------------------ */
 
-/* Fails at a character of the run that begins at the cursor. */
-static void fail_at(frwk_xml_doc_t *doc, char *where, xml_error error)
+/* What is searched, copied and counted at a time, so that all but the first of these find it in the nearest cache. */
+static constexpr size_t PIECE = 4096;
+
+/* Copies the text from the cursor to `end` to `out`; the cursor moves there. Returns the end of the copy. */
+static char *copy_run(frwk_xml_doc_t *doc, const char *end, char *out)
 {
-    pass_to(doc, where);
-    fail(doc, error);
+    size_t left = static_cast<size_t>(end - doc->cursor);
+    while (left > 0) {
+        size_t n = left < PIECE ? left : PIECE;
+        memmove(out, doc->cursor, n); /* memcpy() of a bounded size may become string instructions, slow to start */
+        doc->line += count_lines(doc->cursor, n);
+        doc->cursor += n;
+        out += n;
+        left -= n;
+    }
+    return out;
 }
 
 /*
- * Decodes the text from the cursor to `end` into `out`, which has room for it undecoded; returns the end of what was
- * stored, null on an error. A reference is open from its "&" up to a ";"; one that is still open at the end stays.
+ * Decodes the text from the cursor to `end` into `out`, which has room for it undecoded; the cursor moves to `end`.
+ * Returns the end of what was stored, null on an error. A reference is open from its "&" up to a ";"; one that is still
+ * open at the end stays.
  */
 static char *decode_text(frwk_xml_doc_t *doc, char *end, char *out)
 {
-    char *text = doc->cursor;
-    for (;;) {
-        char *amp = static_cast<char *>(memchr(text, '&', static_cast<size_t>(end - text)));
-        size_t n = static_cast<size_t>((amp != nullptr ? amp : end) - text);
-        memcpy(out, text, n);
-        out += n;
+    while (doc->cursor < end) {
+        size_t left = static_cast<size_t>(end - doc->cursor);
+        size_t n = left < PIECE ? left : PIECE;
+        char *amp = static_cast<char *>(memchr(doc->cursor, '&', n));
         if (amp == nullptr) {
+            out = copy_run(doc, doc->cursor + n, out);
+            continue;
+        }
+        out = copy_run(doc, amp, out);
+        amp = out;
+        do { /* character by character, since the name is short as a rule */
+            doc->line += *doc->cursor == '\n' ? 1 : 0;
+            *out++ = *doc->cursor++;
+        } while (doc->cursor < end && *doc->cursor != ';' && *doc->cursor != '&');
+        if (doc->cursor == end) {
             return out;
         }
-        char *close = amp + 1; /* character by character, since the name is short as a rule */
-        while (close < end && *close != ';' && *close != '&') {
-            close++;
-        }
-        n = static_cast<size_t>(close - amp);
-        memcpy(out, amp, n);
-        if (close == end) {
-            return out + n;
-        }
-        out = *close == ';' ? close_reference(out, out + n, close) : nullptr;
+        out = *doc->cursor == ';' ? close_reference(amp, out, doc->cursor) : nullptr;
         if (out == nullptr) {
-            fail_at(doc, close, ERROR_ENTITY);
+            fail(doc, ERROR_ENTITY);
             return nullptr;
         }
-        text = close + 1;
+        doc->cursor++;
     }
+    return out;
 }
 
-/* The text from the cursor to `end`, decoded, becomes the node's value. */
-static void take_decoded(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end)
+/* Gives back what decoding saved, unless it is little. */
+static char *shrink(char *value, size_t saved, size_t len)
 {
-    enum { SPARE_MAX = 64 }; /* bytes that the undecoded text needed and that may stay with the value */
+    enum { SPARE_MAX = 64 };
+    char *shrunk = saved > SPARE_MAX ? static_cast<char *>(realloc(value, len + 1)) : nullptr;
+    return shrunk != nullptr ? shrunk : value;
+}
+
+/* The text from the cursor to `end`, decoded or not, becomes the node's value; the cursor moves to `end`. */
+static void take_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end, bool decode)
+{
     size_t n = static_cast<size_t>(end - doc->cursor);
-    heap_ptr<char> value(n < UINT32_MAX ? static_cast<char *>(malloc(n + 1)) : nullptr);
+    char *value = n < UINT32_MAX ? static_cast<char *>(malloc(n + 1)) : nullptr;
     if (value == nullptr) {
         fail_memory(doc);
         return;
     }
-    char *value_end = decode_text(doc, end, value.get());
+    char *value_end = decode ? decode_text(doc, end, value) : copy_run(doc, end, value);
     if (value_end == nullptr) {
-        return;
-    }
-    pass_to(doc, end);
-    if (*end == '\0') {
-        fail(doc, ERROR_ENTITY_OPEN);
+        free(value);
         return;
     }
     *value_end = '\0';
-    size_t len = static_cast<size_t>(value_end - value.get());
-    if (n - len > SPARE_MAX) {
-        char *shrunk = static_cast<char *>(realloc(value.get(), len + 1));
-        if (shrunk != nullptr) {
-            (void)value.release();
-            value.reset(shrunk);
-        }
-    }
-    node->value = value.release();
+    size_t len = static_cast<size_t>(value_end - value);
+    replace_text(&node->value, shrink(value, n - len, len));
     node->len = static_cast<uint32_t>(len);
 }
 
@@ -773,14 +744,10 @@ void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
         doc->error = ERROR_ATTR;
         return;
     }
-    char *end = strchrnul(doc->cursor, '<');
-    bool decode = (flags & FRWK_XML_RAW) == 0;
-    if (decode && memchr(doc->cursor, '&', static_cast<size_t>(end - doc->cursor)) != nullptr) {
-        take_decoded(doc, node, end);
-    } else if (*end == '\0') {
-        fail_at(doc, end, ERROR_ENTITY_OPEN);
-    } else {
-        take_value(doc, node, end, end);
+    take_value(doc, node, strchrnul(doc->cursor, '<'), (flags & FRWK_XML_RAW) == 0);
+    if (doc->status == STATUS_OK && *doc->cursor == '\0') {
+        free(frwk_xml_get_node_value(node));
+        fail(doc, ERROR_ENTITY_OPEN);
     }
 }
 
@@ -794,11 +761,14 @@ static void read_until(frwk_xml_doc_t *doc, frwk_xml_node_t *node, const char *m
     for (; *end != '\0'; end = strchrnul(end, '>')) {
         end++;
         if (static_cast<size_t>(end - doc->cursor) >= n && memcmp(end - n, mark, n) == 0) {
-            take_value(doc, node, end - n, end);
+            take_value(doc, node, end - n, false);
+            doc->cursor += n;
             return;
         }
     }
-    fail_at(doc, end, if_missing);
+    doc->line += count_lines(doc->cursor, static_cast<size_t>(end - doc->cursor));
+    doc->cursor = end;
+    fail(doc, if_missing);
 }
 
 void frwk_xml_read_comment(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
@@ -869,22 +839,23 @@ static bool read_start_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t 
         return false;
     }
     bool empty = false;
-    for (;;) {
-        pass_blanks(doc);
+    for (;; pass_blanks(doc)) {
         switch (*doc->cursor) {
+        case '>':
+            doc->cursor++;
+            return !empty;
         case '/':
             doc->cursor++;
             empty = true;
             break;
-        case '>':
-            doc->cursor++;
-            return !empty;
         case '\0':
             fail(doc, ERROR_ENTITY_OPEN);
             return false;
         default:
-            fail(doc, ERROR_ATTR);
-            return false;
+            if (!is_blank(*doc->cursor)) {
+                fail(doc, ERROR_ATTR);
+                return false;
+            }
         }
     }
 }
@@ -947,7 +918,85 @@ static frwk_xml_node_t *read_child(frwk_xml_doc_t *doc, frwk_xml_node_t *parent,
     return read_start_tag(doc, child, flags) ? child : end_child(doc, child);
 }
 
-enum content_state { CONTENT, AFTER_LT, AFTER_BANG, AFTER_BANG_DASH };
+/*
+ * Reads what stands behind "<!" in the content of an element. An end of the text here is left to the caller, as in the
+ * two functions below: it is no error.
+ */
+static void read_bang(frwk_xml_doc_t *doc, frwk_xml_node_t *open)
+{
+    if (is_letter(*doc->cursor)) {
+        read_leaf(doc, open, frwk_xml_read_dir);
+        return;
+    }
+    if (*doc->cursor == '-') {
+        doc->cursor++;
+        if (*doc->cursor == '-') {
+            doc->cursor++;
+            read_leaf(doc, open, frwk_xml_read_comment);
+            return;
+        }
+    }
+    if (*doc->cursor != '\0') {
+        fail(doc, ERROR_TAG_NAME);
+    }
+}
+
+/* Passes over the closing tag of an element with a name that was parsed, and so holds no ">" and no line feed. */
+static bool pass_closing(frwk_xml_doc_t *doc, const frwk_xml_node_t *node)
+{
+    size_t n = strlen(node->name);
+    if (strncmp(doc->cursor, node->name, n) != 0 || doc->cursor[n] != '>') {
+        return false;
+    }
+    doc->cursor += n + 1;
+    return true;
+}
+
+/* Reads the closing tag of an element behind its "</"; returns the element that it stood in, null for `top`. */
+static frwk_xml_node_t *close_element(frwk_xml_doc_t *doc, frwk_xml_node_t *open, const frwk_xml_node_t *top)
+{
+    if (open == top) {
+        ensure_value(doc, open);
+        if (doc->status == STATUS_OK) {
+            frwk_xml_read_closing(doc, open);
+        }
+        return nullptr;
+    }
+    if (!pass_closing(doc, open)) {
+        frwk_xml_read_closing(doc, open);
+    }
+    return end_child(doc, open);
+}
+
+/* Reads what stands behind "<" in the content of an element; returns the element whose content comes next, or null. */
+static frwk_xml_node_t *read_markup(frwk_xml_doc_t *doc, frwk_xml_node_t *open, const frwk_xml_node_t *top,
+                                    uint32_t flags)
+{
+    if (is_blank(*doc->cursor)) {
+        pass_blanks(doc);
+    }
+    if (is_letter(*doc->cursor)) {
+        return read_child(doc, open, flags);
+    }
+    switch (*doc->cursor) {
+    case '/':
+        doc->cursor++;
+        return close_element(doc, open, top);
+    case '!':
+        doc->cursor++;
+        read_bang(doc, open);
+        return open;
+    case '?':
+        doc->cursor++;
+        read_leaf(doc, open, frwk_xml_read_header);
+        return open;
+    case '\0':
+        return open;
+    default:
+        fail(doc, ERROR_TAG_NAME);
+        return open;
+    }
+}
 
 /*
  * Reads the content of `top` up to its closing tag, an error, or the end of the text, which closes what is open.
@@ -957,67 +1006,19 @@ enum content_state { CONTENT, AFTER_LT, AFTER_BANG, AFTER_BANG_DASH };
 static bool read_content(frwk_xml_doc_t *doc, frwk_xml_node_t *top, uint32_t flags)
 {
     frwk_xml_node_t *open = top;
-    content_state state = CONTENT;
-    while (doc->status == STATUS_OK && *doc->cursor != '\0') {
-        char c = *doc->cursor;
-        switch (state) {
-        case CONTENT:
-            if (is_blank(c)) {
-                pass_blanks(doc);
-            } else if (c == '<') {
-                doc->cursor++;
-                state = AFTER_LT;
-            } else {
-                frwk_xml_read_data(doc, open, flags);
+    while (doc->status == STATUS_OK) {
+        if (is_blank(*doc->cursor)) {
+            pass_blanks(doc);
+        }
+        if (*doc->cursor == '<') {
+            doc->cursor++;
+            open = read_markup(doc, open, top, flags);
+            if (open == nullptr) {
+                return true;
             }
-            break;
-        case AFTER_LT:
-            if (is_blank(c)) {
-                pass_blanks(doc);
-            } else if (c == '!') {
-                doc->cursor++;
-                state = AFTER_BANG;
-            } else if (c == '/') {
-                doc->cursor++;
-                state = CONTENT;
-                ensure_value(doc, open);
-                if (doc->status == STATUS_OK) {
-                    frwk_xml_read_closing(doc, open);
-                }
-                if (open == top) {
-                    return true;
-                }
-                open = end_child(doc, open);
-            } else if (c == '?') {
-                doc->cursor++;
-                state = CONTENT;
-                read_leaf(doc, open, frwk_xml_read_header);
-            } else if (is_letter(c)) {
-                state = CONTENT;
-                open = read_child(doc, open, flags);
-            } else {
-                fail(doc, ERROR_TAG_NAME);
-            }
-            break;
-        case AFTER_BANG:
-            if (c == '-') {
-                doc->cursor++;
-                state = AFTER_BANG_DASH;
-            } else if (is_letter(c)) {
-                state = CONTENT;
-                read_leaf(doc, open, frwk_xml_read_dir);
-            } else {
-                fail(doc, ERROR_TAG_NAME);
-            }
-            break;
-        case AFTER_BANG_DASH:
-            if (c == '-') {
-                doc->cursor++;
-                state = CONTENT;
-                read_leaf(doc, open, frwk_xml_read_comment);
-            } else {
-                fail(doc, ERROR_TAG_NAME);
-            }
+        } else if (*doc->cursor != '\0') {
+            frwk_xml_read_data(doc, open, flags);
+        } else {
             break;
         }
     }
