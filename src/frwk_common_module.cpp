@@ -61,8 +61,7 @@ static void clear_slot(frwk_smt_t *smt)
 {
     smt->sid = 0;
     smt->cb.store(nullptr, std::memory_order_relaxed);
-    smt->queue = {nullptr, nullptr};
-    memset(&smt->lock, 0, sizeof smt->lock);
+    smt->newest.store(nullptr, std::memory_order_relaxed);
     memset(&smt->sem, 0, sizeof smt->sem);
 }
 

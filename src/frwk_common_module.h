@@ -21,8 +21,7 @@
 struct frwk_smt_t {
     uint32_t sid;
     std::atomic<frwk_submodule_cb_t> cb; /* stored last: a slot is in use exactly when it is set */
-    frwk_list_t queue;                   /* pending messages, oldest first */
-    pthread_mutex_t lock;                /* guards queue */
+    std::atomic<frwk_list_t *> newest;   /* pending messages, chained to the oldest */
     sem_t sem;                           /* wakes the slot's thread */
 };
 

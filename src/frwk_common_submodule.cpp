@@ -3,11 +3,11 @@
  */
 #include "frwk_bounded.h"
 #include "frwk_common_module.h"
-#include "frwk_guard.h"
 #include "frwk_submodule.h"
 #include "frwk_thread.h"
 #include "frwk_trace.h"
 
+#include <sched.h>
 #include <stddef.h>
 #include <stdlib.h>
 
@@ -18,39 +18,58 @@ static_assert(offsetof(frwk_submodule_msg_t, to) == 2 * sizeof(void *) &&
               offsetof(frwk_submodule_msg_t, data) == 2 * sizeof(void *) + 16 &&
               sizeof(frwk_submodule_msg_t) == 2 * sizeof(void *) + 16);
 
+/*
+ * The queue is a chain through `node.next`, newest message first: any thread pushes with one compare-and-swap, and the
+ * slot's thread takes the whole chain with one exchange and turns it round. Nobody ever takes less than all, so a head
+ * that compares equal is the head, even if its block was freed and allocated anew in between.
+ */
+
 /* Appends a message; true when the queue was empty before. */
 static bool frwk_smt_push(frwk_smt_t *smt, frwk_submodule_msg_t *msg)
 {
-    mutex_guard lock(&smt->lock);
-    bool was_empty = frwk_list_empty(&smt->queue) != 0;
-    frwk_list_add(&smt->queue, &msg->node);
-    return was_empty;
+    frwk_list_t *newest = smt->newest.load(std::memory_order_relaxed);
+    do {
+        msg->node.next = newest;
+    } while (
+        !smt->newest.compare_exchange_weak(newest, &msg->node, std::memory_order_release, std::memory_order_relaxed));
+    return newest == nullptr;
 }
 
-/* Moves all pending messages to the end of an empty list, under one lock instead of one for each. */
-static void take_pending(frwk_smt_t *smt, frwk_list_t *batch)
+/* Takes all pending messages: a chain, oldest first, or null. */
+static frwk_list_t *take_pending(frwk_smt_t *smt)
 {
-    mutex_guard lock(&smt->lock);
-    if (!frwk_list_empty(&smt->queue)) {
-        *batch = smt->queue;
-        batch->next->prev = batch;
-        batch->prev->next = batch;
-        frwk_list_init(&smt->queue);
+    frwk_list_t *newest = smt->newest.exchange(nullptr, std::memory_order_acquire);
+    frwk_list_t *oldest = nullptr;
+    while (newest != nullptr) {
+        frwk_list_t *older = newest->next;
+        newest->next = oldest;
+        oldest = newest;
+        newest = older;
     }
+    return oldest;
 }
 
-/* The oldest message, null when there is none. The batch holds what was taken off the queue and not delivered yet. */
-static frwk_submodule_msg_t *frwk_smt_pop(frwk_smt_t *smt, frwk_list_t *batch)
+/* The oldest message, null when there is none. `taken` is what was taken off the queue and not delivered yet. */
+static frwk_submodule_msg_t *frwk_smt_pop(frwk_smt_t *smt, frwk_list_t **taken)
 {
-    if (frwk_list_empty(batch)) {
-        take_pending(smt, batch);
+    if (*taken == nullptr) {
+        *taken = take_pending(smt);
     }
-    if (frwk_list_empty(batch)) {
+    frwk_list_t *node = *taken;
+    if (node == nullptr) {
         return nullptr;
     }
-    frwk_list_t *node = batch->next;
-    frwk_list_del(node);
+    *taken = node->next;
+    node->next = nullptr;
     return frwk_list_entry(node, frwk_submodule_msg_t, node);
+}
+
+static void deliver_pending(frwk_smt_t *smt, frwk_submodule_cb_t cb)
+{
+    frwk_list_t *taken = nullptr;
+    while (frwk_submodule_msg_t *msg = frwk_smt_pop(smt, &taken)) {
+        cb(msg);
+    }
 }
 
 static void *frwk_submodule_main(void *arg)
@@ -58,13 +77,12 @@ static void *frwk_submodule_main(void *arg)
     frwk_smt_t *smt = static_cast<frwk_smt_t *>(arg);
     FRWK_ASSERT(NULL != smt);
     frwk_submodule_cb_t cb = smt->cb.load(std::memory_order_acquire);
-    frwk_list_t batch;
-    frwk_list_init(&batch);
     for (;;) {
         frwk_sem_wait(&smt->sem);
-        while (frwk_submodule_msg_t *msg = frwk_smt_pop(smt, &batch)) {
-            cb(msg);
-        }
+        deliver_pending(smt, cb);
+        /* Senders go first: in the middle of a burst they find this thread awake, and need not wake it. */
+        sched_yield();
+        deliver_pending(smt, cb);
     }
 }
 
@@ -74,8 +92,7 @@ void frwk_submodule_create(uint32_t sid, frwk_submodule_cb_t cb)
     frwk_smt_t *smt = &g_s_module_ctx.smt[sid];
     FRWK_ASSERT(NULL == smt->cb);
     smt->sid = sid;
-    frwk_list_init(&smt->queue);
-    frwk_mutex_create(&smt->lock);
+    smt->newest.store(nullptr, std::memory_order_relaxed);
     frwk_sem_create(&smt->sem);
     smt->cb.store(cb, std::memory_order_release);
     pthread_t tid = frwk_thread_create(frwk_submodule_main, smt);
