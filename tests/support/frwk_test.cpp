@@ -215,54 +215,6 @@ bool Capture::wait_for(const std::string &part)
     return wait_until([&] { return contains(text(), part); });
 }
 
-// The messages stand in the memory file one after the other, with a zero byte behind each.
-SyslogSink::SyslogSink() : pid(-1), memory(memory_file())
-{
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    EXPECT_TRUE(at_address(bind, fd, "/dev/log")) << strerror(errno);
-    fflush(nullptr);
-    pid = fork();
-    if (pid == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        char message[65536];
-        ssize_t n;
-        while ((n = recv(fd, message, sizeof message - 1, 0)) >= 0) {
-            message[n++] = '\0';
-            (void)!write(memory, message, static_cast<size_t>(n));
-        }
-        _exit(1);
-    }
-    close(fd);
-}
-
-SyslogSink::~SyslogSink()
-{
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
-    close(memory);
-    unlink("/dev/log");
-}
-
-std::vector<SyslogLine> SyslogSink::wait_for(size_t count)
-{
-    static const std::regex start("<([0-9]+)>.{16}([^:\\[]*)(\\[([0-9]+)\\])?: "); // after the time
-    std::string all;
-    wait_until([&] {
-        all = contents(memory);
-        all.resize(all.rfind('\0') + 1); // another one may still be coming
-        return static_cast<size_t>(std::count(all.begin(), all.end(), '\0')) >= count;
-    });
-    std::vector<SyslogLine> lines;
-    for (size_t at = 0; at < all.size(); at = all.find('\0', at) + 1) {
-        const std::string message = all.c_str() + at;
-        std::smatch parts;
-        const bool whole = std::regex_search(message, parts, start, std::regex_constants::match_continuous);
-        EXPECT_TRUE(whole) << message;
-        lines.push_back({atoi(parts[1].str().c_str()), parts[2], atoi(parts[4].str().c_str()), parts.suffix()});
-    }
-    return lines;
-}
-
 // ---- raw peers
 
 std::string socket_path(const std::string &module)
@@ -464,6 +416,48 @@ Module::~Module()
         const Result result = stop(SIGTERM);
         EXPECT_TRUE(result.ok()) << "a module process " << result;
     }
+}
+
+// ---- the system log
+
+SyslogSink::SyslogSink()
+{
+    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    EXPECT_TRUE(at_address(bind, fd, "/dev/log")) << strerror(errno);
+    reader.start([fd] {
+        char message[65536];
+        ssize_t n;
+        while ((n = recv(fd, message, sizeof message - 1, 0)) >= 0) {
+            message[n++] = '\0'; // ends it in what it writes
+            (void)!write(1, message, static_cast<size_t>(n));
+        }
+    });
+    close(fd);
+}
+
+SyslogSink::~SyslogSink()
+{
+    unlink("/dev/log");
+}
+
+std::vector<SyslogLine> SyslogSink::wait_for(size_t count)
+{
+    static const std::regex start("<([0-9]+)>.{16}([^:\\[]*)(\\[([0-9]+)\\])?: "); // after the time
+    std::string all;
+    wait_until([&] {
+        all = reader.out();
+        all.resize(all.rfind('\0') + 1); // another one may still be coming
+        return static_cast<size_t>(std::count(all.begin(), all.end(), '\0')) >= count;
+    });
+    std::vector<SyslogLine> lines;
+    for (size_t at = 0; at < all.size(); at = all.find('\0', at) + 1) {
+        const std::string message = all.c_str() + at;
+        std::smatch parts;
+        const bool whole = std::regex_search(message, parts, start, std::regex_constants::match_continuous);
+        EXPECT_TRUE(whole) << message;
+        lines.push_back({atoi(parts[1].str().c_str()), parts[2], atoi(parts[4].str().c_str()), parts.suffix()});
+    }
+    return lines;
 }
 
 } // namespace frwk_test

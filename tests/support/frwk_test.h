@@ -43,8 +43,6 @@ std::vector<TraceLine> parse_console(const std::string &text);
 struct Capture {
     explicit Capture(int fd = 1);
     ~Capture();
-    Capture(const Capture &) = delete;
-    Capture &operator=(const Capture &) = delete;
 
     std::string text(); // all so far
     std::vector<TraceLine> traces();
@@ -55,42 +53,10 @@ struct Capture {
     int memory;
 };
 
-// One message as the system log gets it.
-struct SyslogLine {
-    int priority = -1; // facility and severity
-    std::string ident;
-    int pid = 0;
-    std::string text;
-};
+// ---- raw peers on the wire
 
-// The system log: takes what is sent to /dev/log while it lives, in a process of its own, so that senders never block.
-struct SyslogSink {
-    SyslogSink();
-    ~SyslogSink();
-    SyslogSink(const SyslogSink &) = delete;
-    SyslogSink &operator=(const SyslogSink &) = delete;
-
-    std::vector<SyslogLine> wait_for(size_t count); // all so far, once there are as many
-
-    pid_t pid;
-    int memory;
-};
-
-// ---- raw peers on the wire; declared here once more, so that the library is not checked against itself
-
-struct ReqHdr {
-    uint32_t from;
-    uint32_t msg;
-    uint32_t async;
-    uint32_t timeout;
-    int32_t rsp_size;
-    int32_t msg_len;
-};
-
-struct RspHdr {
-    int32_t rc;
-    int32_t msg_len;
-};
+using ReqHdr = frwk_ipc_reqhdr_t;
+using RspHdr = frwk_ipc_rsphdr_t;
 
 template <typename T> std::string bytes_of(const T &record)
 {
@@ -130,8 +96,6 @@ struct Process {
     Process();
     ~Process();
     void start(const std::function<void()> &body);
-    Process(const Process &) = delete;
-    Process &operator=(const Process &) = delete;
 
     std::string out() const; // what it has written so far
     std::string err() const;
@@ -151,6 +115,24 @@ struct Module : Process {
     ~Module();
 
     bool ready; // frwk_module_init() gave 0 and `set_up` returned
+};
+
+// One message as the system log gets it.
+struct SyslogLine {
+    int priority; // facility and severity
+    std::string ident;
+    int pid;
+    std::string text;
+};
+
+// The system log: takes what is sent to /dev/log while it lives, in a process of its own, so that senders never block.
+struct SyslogSink {
+    SyslogSink();
+    ~SyslogSink();
+
+    std::vector<SyslogLine> wait_for(size_t count); // all so far, once there are as many
+
+    Process reader;
 };
 
 } // namespace frwk_test
