@@ -8,7 +8,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "../tests/support/xml_tree.h"
+#include "../tests/support/xml_checks.h"
 
 namespace {
 

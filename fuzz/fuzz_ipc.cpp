@@ -42,23 +42,24 @@ int connect_to_service()
 {
     const sockaddr_un address = {AF_UNIX, "/tmp/odm/ipc/qmuxd"};
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    CHECK(fd >= 0 &&
-          TEMP_FAILURE_RETRY(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address)) == 0);
+    CHECK(TEMP_FAILURE_RETRY(connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address)) == 0);
     return fd;
 }
 
-void send_bytes(int fd, const frwk_ipc_reqhdr_t *hdr, const std::string &bytes)
+void send_bytes(int fd, const std::string &bytes)
 {
-    const std::string all =
-        (hdr != nullptr ? std::string(reinterpret_cast<const char *>(hdr), sizeof *hdr) : "") + bytes;
-    (void)!send(fd, all.data(), all.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    (void)!send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+}
+
+std::string bytes_of(const frwk_ipc_reqhdr_t &hdr)
+{
+    return std::string(reinterpret_cast<const char *>(&hdr), sizeof hdr);
 }
 
 void check_service()
 {
     int fd = connect_to_service();
-    const frwk_ipc_reqhdr_t hdr = {FRWK_MODULE_QTI, MSG_ECHO, 0, 0, 4, 3};
-    send_bytes(fd, &hdr, "\1\2\3");
+    send_bytes(fd, bytes_of({FRWK_MODULE_QTI, MSG_ECHO, 0, 0, 4, 3}) + "\1\2\3");
     char answer[13]; // one byte more than is due
     CHECK(TEMP_FAILURE_RETRY(recv(fd, answer, sizeof answer, MSG_WAITALL)) == 12);
     CHECK(memcmp(answer, "\6\0\0\0\4\0\0\0\1\2\3\xff", 12) == 0);
@@ -78,6 +79,7 @@ void settle()
 
 void act(int *fd, FuzzedDataProvider *input)
 {
+    const auto number = [&](int32_t most) { return input->ConsumeIntegralInRange<int32_t>(-1, most); };
     switch (input->ConsumeIntegralInRange(0, 7)) {
     case 0:
         usleep(input->ConsumeIntegral<uint8_t>() * 4U);
@@ -86,27 +88,20 @@ void act(int *fd, FuzzedDataProvider *input)
         shutdown(*fd, SHUT_WR);
         break;
     case 2:
-        close(*fd);
-        *fd = -1;
+        close(std::exchange(*fd, -1));
         break;
     case 3: {
         char buf[64];
         (void)!recv(*fd, buf, sizeof buf, MSG_DONTWAIT);
         break;
     }
-    case 4: { // a header that is nearly right
-        const auto below = [&](int32_t limit) { return input->ConsumeIntegralInRange<int32_t>(-1, limit); };
-        const frwk_ipc_reqhdr_t hdr = {input->ConsumeIntegral<uint8_t>(),
-                                       static_cast<uint32_t>(below(9)),
-                                       input->ConsumeBool(),
-                                       0,
-                                       below(300),
-                                       below(300)};
-        send_bytes(*fd, &hdr, input->ConsumeRandomLengthString(300));
+    case 4: // a header that is nearly right
+        send_bytes(*fd, bytes_of({static_cast<uint32_t>(number(255)), static_cast<uint32_t>(number(9)),
+                                  input->ConsumeBool(), 0, number(300), number(300)}) +
+                            input->ConsumeRandomLengthString(300));
         break;
-    }
     default:
-        send_bytes(*fd, nullptr, input->ConsumeRandomLengthString(64));
+        send_bytes(*fd, input->ConsumeRandomLengthString(64));
         break;
     }
 }

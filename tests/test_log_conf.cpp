@@ -1,5 +1,5 @@
 // The trace settings on disk: default file, setters, what a module takes at its start. And what both configuration
-// files share: recovery of a save that was cut off, the lock.
+// files share: recovery of a save that was cut off.
 #include "conf_test.h"
 
 using namespace conf_test;
@@ -103,20 +103,6 @@ TEST(LogConf, TakenAtStart)
         EXPECT_EQ(row.taken + " 1 -", settings());
         EXPECT_EQ(lost ? 2U : 1U, listing().size());
     }
-}
-
-// A live save is waited for, but not for ever; reading does not wait at all.
-TEST(LogConf, LockHeldElsewhere)
-{
-    put(LOG, "<root><qti/></root>");
-    Lock lock;
-    ASSERT_TRUE(lock.held);
-    const long start = now_ms();
-    EXPECT_EQ("0 0 1 -", settings());
-    EXPECT_LT(now_ms() - start, 3000);
-    EXPECT_EQ("0|warning frwk_set_trace_info: no lock on '/usrdata/odm', errno=11",
-              call([] { return frwk_set_trace_info(FRWK_MODULE_QTI, 2, "info"); }));
-    EXPECT_EQ("2 4 1 -", settings());
 }
 
 } // namespace

