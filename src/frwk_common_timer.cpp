@@ -192,11 +192,12 @@ int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay
         FRWK_ERR("timer(%dms) < delay(%dms)", delay, TIMER_PERIOD_MS);
         return 0;
     }
-    pending_t *pending = static_cast<pending_t *>(calloc(1, sizeof *pending));
+    pending_t *pending = static_cast<pending_t *>(malloc(sizeof *pending));
     if (pending == nullptr) {
         FRWK_ERR("alloc new timer[%d] failed!", timer_num);
         return 0;
     }
+    *pending = {};
     frwk_timer_t *timer = &pending->timer;
     timer->timer_num = timer_num;
     timer->cb = cb;
