@@ -442,7 +442,6 @@ SyslogSink::~SyslogSink()
 
 std::vector<SyslogLine> SyslogSink::wait_for(size_t count)
 {
-    static const std::regex start("<([0-9]+)>.{16}([^:\\[]*)(\\[([0-9]+)\\])?: "); // after the time
     std::string all;
     wait_until([&] {
         all = reader.out();
@@ -451,11 +450,11 @@ std::vector<SyslogLine> SyslogSink::wait_for(size_t count)
     });
     std::vector<SyslogLine> lines;
     for (size_t at = 0; at < all.size(); at = all.find('\0', at) + 1) {
-        const std::string message = all.c_str() + at;
-        std::smatch parts;
-        const bool whole = std::regex_search(message, parts, start, std::regex_constants::match_continuous);
-        EXPECT_TRUE(whole) << message;
-        lines.push_back({atoi(parts[1].str().c_str()), parts[2], atoi(parts[4].str().c_str()), parts.suffix()});
+        const char *message = all.c_str() + at;
+        char ident[32] = "";
+        int priority = -1, sender = 0, header = 0;
+        sscanf(message, "<%d>%*15c %31[^[][%d]: %n", &priority, ident, &sender, &header);
+        lines.push_back({priority, ident, sender, message + header});
     }
     return lines;
 }
