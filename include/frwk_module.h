@@ -103,7 +103,7 @@ FRWK_API int32_t frwk_get_module_id(void);
 FRWK_API int32_t frwk_get_module_debug_mode(void);
 
 /** @return the trace threshold: lines of this level and below are printed. */
-FRWK_API int32_t frwk_get_module_level(void);
+FRWK_API FRWK_NO_PLT int32_t frwk_get_module_level(void);
 
 /**
  * Sets where the process's trace lines go, from the next line on.

@@ -35,8 +35,8 @@ enum { FRWK_TRACE_NULL = 0, FRWK_TRACE_ERROR = 1, FRWK_TRACE_WARNING = 2, FRWK_T
  * @param level  FRWK_TRACE_ level; any other value is labelled "null"
  * @param fmt    printf format and its arguments
  */
-FRWK_API void frwk_trace_print(const char *file, const char *func, int line, int level, const char *fmt, ...)
-    FRWK_PRINTF_FORMAT(5, 6);
+FRWK_API FRWK_NO_PLT void frwk_trace_print(const char *file, const char *func, int line, int level, const char *fmt,
+                                           ...) FRWK_PRINTF_FORMAT(5, 6);
 
 /** Traces a line of the given level from here. The arguments are not evaluated when the line is suppressed. */
 #define FRWK_TRACE(level, ...)                                                                                         \
