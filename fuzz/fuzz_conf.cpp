@@ -14,17 +14,12 @@ namespace {
 
 const std::string DIR = "/usrdata/odm", START = DIR + "/start_conf.xml", LOG = DIR + "/log_conf.xml";
 
-bool exists(const std::string &path)
-{
-    return access(path.c_str(), F_OK) == 0;
-}
-
 // Whether what was set can be found in a saved file again. By the rules of the format it cannot behind a declaration
 // that stood further on in the first line, behind an attribute value at its limit, which counts entities as they are
 // written, and where an element with a setting has children: its text then gains the indentation of the end tag.
 bool readable(const std::string &path, const char *setting)
 {
-    CHECK(!exists(path + ".bak") && !exists(path + ".new"));
+    CHECK(access((path + ".bak").c_str(), F_OK) != 0 && access((path + ".new").c_str(), F_OK) != 0);
     std::ifstream file(path);
     const std::string text{std::istreambuf_iterator<char>(file), {}};
     if (text.find("<?") != std::string::npos || (text.size() > 500 && text.find('&') != std::string::npos)) {

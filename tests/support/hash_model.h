@@ -49,16 +49,6 @@ inline void check_contents(int handle, const Buckets &buckets)
 // A chance gives numbers below its argument, and decides by that how large a thing becomes too.
 using Chance = std::function<unsigned(unsigned)>;
 
-inline frwk_hash_value_t make_value(const Chance &chance, const std::string &text)
-{
-    static const char own[] = "of the caller, who keeps it";
-    const frwk_hash_value_t values[] = {frwk_hash_value_integer(static_cast<int>(chance(200)) - 100),
-                                        frwk_hash_value_symbol(const_cast<char *>(own)),
-                                        frwk_hash_value_string(own, 0)};
-    const unsigned kind = chance(6);
-    return kind < 3 ? values[kind] : frwk_hash_value_string(text.c_str(), 1);
-}
-
 inline void use_table(int handle, Buckets *buckets, const Chance &chance)
 {
     std::string key;
@@ -73,7 +63,10 @@ inline void use_table(int handle, Buckets *buckets, const Chance &chance)
     const bool present = found != bucket.end();
     const unsigned action = chance(8);
     if (action < 4) {
-        const frwk_hash_value_t value = make_value(chance, key + key);
+        static const char own[] = "of the caller, who keeps it";
+        const frwk_hash_value_t value = action == 0   ? frwk_hash_value_integer(static_cast<int>(chance(200)) - 100)
+                                        : action == 1 ? frwk_hash_value_string(own, 0)
+                                                      : frwk_hash_value_string((key + key).c_str(), 1);
         const std::string text = shown(value);
         CHECK(frwk_hash_enter(handle, key.c_str(), value) != nullptr);
         (present ? *found : bucket.emplace_back(key, "")).second = text;

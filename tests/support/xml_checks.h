@@ -140,23 +140,18 @@ inline void check_step(const uint8_t *data, size_t size)
             CHECK(doc->status == 1 && doc->error == 8 && *doc->cursor == '<');
         }
         break;
-    case 6:
-        frwk_xml_read_comment(doc, node);
-        CHECK(doc->status != 0 || strstr(node->value, "-->") == nullptr);
+    default: {
+        static void (*const leaves[])(frwk_xml_doc_t *, frwk_xml_node_t *) = {
+            frwk_xml_read_comment, frwk_xml_read_header, frwk_xml_read_dir, frwk_xml_read_closing};
+        static const char *const ends[] = {"-->", "?>", ">", ""};
+        const int leaf = data[0] % 10 - 6;
+        node->name = leaf == 3 ? strdup("a") : nullptr;
+        leaves[leaf](doc, node);
+        CHECK(doc->status != 0 || leaf == 3 || strstr(node->value, ends[leaf]) == nullptr);
+        CHECK(doc->status != 0 || leaf != 1 || first_line == 1);
+        CHECK(leaf != 3 || (doc->status == 0) == (strncmp(text.data(), "a>", 2) == 0));
         break;
-    case 7:
-        frwk_xml_read_header(doc, node);
-        CHECK(doc->status != 0 || (first_line == 1 && node->name != nullptr && node->value != nullptr));
-        break;
-    case 8:
-        frwk_xml_read_dir(doc, node);
-        CHECK(doc->status != 0 || strchr(node->value, '>') == nullptr);
-        break;
-    default:
-        node->name = strdup("a");
-        frwk_xml_read_closing(doc, node);
-        CHECK((doc->status == 0) == (strncmp(text.data(), "a>", 2) == 0));
-        break;
+    }
     }
     const uint32_t passed = static_cast<uint32_t>(std::count(text.data(), doc->cursor, '\n'));
     CHECK(doc->cursor < text.data() + text.size() && (doc->status != 0 || doc->line == first_line + passed));
