@@ -164,11 +164,15 @@ TEST(Request, Broadcasts)
     trace_all();
     // Who does not take it is traced and skipped.
     Capture out;
-    const auto plain = [] { return frwk_ipc_msg_broadcast(700), 0; };
-    with_peer("mbimd", words({2, 700, 1, 3, 0, 0}), {words({0, 0})}, plain);
+    with_peer("mbimd", words({2, 700, 1, 3, 0, 0}), {words({0, 0})}, [] {
+        frwk_ipc_msg_broadcast(700);
+        return 0;
+    });
     EXPECT_EQ(connect_failed({"serial_bridge", "qti", "qmuxd"}), said(out.traces()));
-    const auto with_data = [] { return frwk_ipc_msg_broadcast_data(701, "data", 4), 0; };
-    with_peer("logtool", words({2, 701, 1, 3, 0, 4}) + "data", {words({0, 0})}, with_data);
+    with_peer("logtool", words({2, 701, 1, 3, 0, 4}) + "data", {words({0, 0})}, [] {
+        frwk_ipc_msg_broadcast_data(701, "data", 4);
+        return 0;
+    });
     EXPECT_EQ(connect_failed({"monitor", "dial_test", "serial_bridge", "monitor_tool", "mbimd", "qti", "qmuxd"}),
               last(14, said(out.traces())));
     // The caller's own table decides.
