@@ -59,10 +59,14 @@ static void link_by_id(frwk_timer_t *timer)
     *bucket = pending;
 }
 
-/* Takes the timer out of the list and of by_id; the caller is then its only owner. */
-static frwk_timer_t *unlink_timer(pending_t **link)
+/* Takes the timer of that id out of the list and of by_id, and gives it to the caller; null when there is none. */
+static frwk_timer_t *unlink_timer(int id)
 {
+    pending_t **link = find_by_id(id);
     pending_t *pending = *link;
+    if (pending == nullptr) {
+        return nullptr;
+    }
     *link = pending->next;
     frwk_list_del(&pending->timer.node);
     return &pending->timer;
@@ -81,7 +85,7 @@ static frwk_timer_t *take_due_timer()
     if (frwk_time_diff(&first->expire, &now) > 0) {
         return nullptr;
     }
-    return unlink_timer(find_by_id(first->id));
+    return unlink_timer(first->id);
 }
 
 /* frwk_timer_init() may replace the default callback while the thread looks at it. */
@@ -224,8 +228,7 @@ static frwk_timer_t *take_timer(int id)
         return nullptr;
     }
     mutex_guard lock(&g_s_timer_ctrl.mutex);
-    pending_t **link = find_by_id(id);
-    return *link != nullptr ? unlink_timer(link) : nullptr;
+    return unlink_timer(id);
 }
 
 void *frwk_timer_stop(int id)

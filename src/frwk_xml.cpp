@@ -1392,10 +1392,11 @@ static void stream_escape(void *out, const char *text)
         size_t n = plain_length(text);
         stream_put(out, text, n);
         text += n;
-        if (*text == '\0') {
+        const char *entity = entity_of(*text++);
+        if (entity == nullptr) { /* the end of the text */
             return;
         }
-        fputs(entity_of(*text++), stream_of(out));
+        fputs(entity, stream_of(out));
     }
 }
 
@@ -1486,10 +1487,10 @@ static void buffer_escape(void *out, const char *text)
         size_t n = plain_length(text);
         buffer_put_stepwise(b, text, n);
         text += n;
-        if (*text == '\0') {
+        const char *entity = entity_of(*text++);
+        if (entity == nullptr) { /* the end of the text */
             return;
         }
-        const char *entity = entity_of(*text++);
         frwk_buffer_grow(b, ESCAPE_ROOM);
         append(b, entity, strlen(entity));
     }
