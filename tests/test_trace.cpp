@@ -49,7 +49,7 @@ TEST(Trace, LevelsAndBaseNames)
         EXPECT_EQ(text + text, out.text()) << "whatever mode and level";
         EXPECT_EQ(level >= 0 ? level : 2, frwk_get_module_level());
     }
-    const std::pair<const char *, int> paths[] = {{"", 0},       {"file.c", 0}, {"/a/b.c", 3}, {"a/b\\c", 4},
+    const std::pair<const char *, int> paths[] = {{"", 0},       {"file.c", 0}, {"/a/b.c", 3}, {"a/b\\c\\d", 6},
                                                   {"a\\b/c", 4}, {"a/", 2},     {"\\", 1}};
     for (auto [path, base] : paths) {
         EXPECT_EQ(path + base, frwk_get_filename(path)) << path;
