@@ -24,7 +24,9 @@ TEST(Module, Table)
     }
     EXPECT_EQ(10U, frwk_module_id("QMUXD"));
     EXPECT_EQ(10U, frwk_module_id("qmux"));
-    EXPECT_EQ(nullptr, frwk_module_name(11));
+    for (uint32_t id = 11; id < 100; id++) {
+        EXPECT_EQ(nullptr, frwk_module_name(id)) << id;
+    }
     EXPECT_EQ(nullptr, frwk_module_name(0xffffffffU));
     // The library looks at the table of the program.
     g_s_modules_info[2].name = nullptr;

@@ -43,7 +43,7 @@ TEST(Submodule, DeliversWhatWasSent)
 
 TEST(Submodule, KeepsTheOrderOfEachSender)
 {
-    constexpr uint32_t SENDERS = 4, MESSAGES = 2000;
+    constexpr uint32_t SENDERS = 4, MESSAGES = 20000;
     static uint32_t next[SENDERS];
     static std::atomic<bool> inside{false};
     frwk_submodule_create(5, [](frwk_submodule_msg_t *msg) {
