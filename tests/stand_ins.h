@@ -23,24 +23,6 @@ constexpr bool SANITIZED = true; // allocates, maps and keeps memory in its own 
 constexpr bool SANITIZED = false;
 #endif
 
-// Shows what failed while standard output is captured, and what failed in child processes.
-struct CapturedFailures : testing::EmptyTestEventListener {
-    void OnTestPartResult(const testing::TestPartResult &result) override
-    {
-        struct stat now, real;
-        fstat(1, &now);
-        fstat(out, &real);
-        if (!result.passed() && (now.st_ino != real.st_ino || now.st_dev != real.st_dev)) {
-            dprintf(out, "%s:%d: Failure\n%s\n", result.file_name(), result.line_number(), result.message());
-        }
-    }
-
-    int out = fcntl(1, F_DUPFD_CLOEXEC, 100);
-};
-
-inline const bool captured_failures_are_shown =
-    (testing::UnitTest::GetInstance()->listeners().Append(new CapturedFailures), true);
-
 // "level|message" of each trace line.
 inline std::vector<std::string> said(const std::vector<frwk_test::TraceLine> &traces)
 {
@@ -158,18 +140,17 @@ inline std::atomic<int64_t> fixed_uptime{-1};
 inline std::atomic<bool> fail_uptime{false};
 inline std::atomic<int64_t> fixed_time{-1};
 
-template <typename F> F *real_call(const char *name)
+inline timespec shown(int64_t nanoseconds)
 {
-    return reinterpret_cast<F *>(dlsym(RTLD_NEXT, name));
+    return {static_cast<time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
 }
+
+#define REAL(call) reinterpret_cast<decltype(&call)>(dlsym(RTLD_NEXT, #call))
 
 extern "C" {
 
 int pthread_create(pthread_t *tid, const pthread_attr_t *attr, void *(*start)(void *), void *arg) noexcept
 {
-    if (fail_threads) {
-        return EAGAIN;
-    }
     if (attr != nullptr) {
         int value;
         pthread_attr_getschedpolicy(attr, &value);
@@ -177,46 +158,42 @@ int pthread_create(pthread_t *tid, const pthread_attr_t *attr, void *(*start)(vo
         pthread_attr_getdetachstate(attr, &value);
         thread_detach_state = value;
     }
-    static const auto real =
-        real_call<int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)>("pthread_create");
-    return real(tid, attr, start, arg);
+    static const auto real = REAL(pthread_create);
+    return fail_threads ? EAGAIN : real(tid, attr, start, arg);
 }
 
 int clock_gettime(clockid_t clock, timespec *now) noexcept
 {
-    static const auto real = real_call<int(clockid_t, timespec *)>("clock_gettime");
+    static const auto real = REAL(clock_gettime);
     if (clock == CLOCK_MONOTONIC && fail_uptime) {
         errno = EINVAL;
         return -1;
     }
+    const int rc = real(clock, now);
     if (clock == CLOCK_MONOTONIC && fixed_uptime >= 0) {
-        *now = {static_cast<time_t>(fixed_uptime / 1000000000), static_cast<long>(fixed_uptime % 1000000000)};
-        return 0;
+        *now = shown(fixed_uptime);
     }
-    return real(clock, now);
-}
-
-time_t time(time_t *now) noexcept
-{
-    static const auto real = real_call<time_t(time_t *)>("time");
-    if (fixed_time < 0) {
-        return real(now);
-    }
-    time_t value = static_cast<time_t>(fixed_time / 1000000000);
-    if (now != nullptr) {
-        *now = value;
-    }
-    return value;
+    return rc;
 }
 
 int gettimeofday(timeval *now, void *zone) noexcept
 {
-    static const auto real = real_call<int(timeval *, void *)>("gettimeofday");
-    if (fixed_time < 0) {
-        return real(now, zone);
+    static const auto real = REAL(gettimeofday);
+    const int rc = real(now, zone);
+    if (fixed_time >= 0) {
+        *now = {shown(fixed_time).tv_sec, shown(fixed_time).tv_nsec / 1000};
     }
-    *now = {static_cast<time_t>(fixed_time / 1000000000), static_cast<suseconds_t>(fixed_time / 1000 % 1000000)};
-    return 0;
+    return rc;
+}
+
+time_t time(time_t *now) noexcept
+{
+    timeval value;
+    gettimeofday(&value, nullptr);
+    if (now != nullptr) {
+        *now = value.tv_sec;
+    }
+    return value.tv_sec;
 }
 }
 
