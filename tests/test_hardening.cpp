@@ -227,9 +227,9 @@ TEST(Hardening, CancelledInTheHandler)
     for (int i = 0; i < 30; i++) { // more than there are slots for connections
         waiting = FRWK_THREAD_INVALID;
         const int fd = raw_connect("qmuxd");
-        const int32_t len = i % 2 == 0 ? 0 : 10000; // some of it on the heap
-        raw_send(fd, bytes_of(ReqHdr{2, MSG_WAIT, 0, 1, i % 3 == 0 ? 8000 : 0, len}) +
-                         std::string(10000, 'x').substr(0, len));
+        const std::string body(i % 2 == 0 ? 0 : 10000, 'x'); // some of it on the heap
+        const ReqHdr header = {2, MSG_WAIT, 0, 1, i % 3 == 0 ? 8000 : 0, static_cast<int32_t>(body.size())};
+        ASSERT_TRUE(raw_send(fd, bytes_of(header) + body));
         ASSERT_TRUE(wait_until([] { return waiting != FRWK_THREAD_INVALID; })) << "a slot was lost";
         frwk_thread_cancel(waiting);
         EXPECT_TRUE(raw_closed(fd));
