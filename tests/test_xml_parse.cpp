@@ -92,6 +92,11 @@ TEST(XmlParse, Content)
     std::string text = "<a b='&amp;&x'>&lt;&foo;</a>";
     frwk_xml_free_doc(frwk_xml_cache_parse(text.data()));
     EXPECT_STREQ("<a b='&amp&&x'>&lt<&foo;</a>", text.c_str()); // the text shows what was decoded
+    std::string closing = A127 + ">";
+    Doc doc = reading(closing);
+    doc->root->name = frwk_strdup(A127.c_str());
+    frwk_xml_read_closing(doc.get(), doc->root);
+    EXPECT_EQ(0, doc->status);
 }
 
 // clang-format on
