@@ -1,5 +1,4 @@
 #include <ctime>
-#include <random>
 #include <thread>
 
 #include "text_test.h"
@@ -15,14 +14,6 @@ std::string times(size_t n, const std::string &text)
 }
 
 const std::string A127(127, 'a'), A128(128, 'a'), V512(512, 'v');
-
-// A fresh document whose cursor stands at the text.
-Doc reading(std::string &text)
-{
-    Doc doc(frwk_xml_alloc_doc());
-    doc->cursor = text.data();
-    return doc;
-}
 
 // What has become of a parse: the tree, or "status/error@line".
 std::string result_of(const Doc &doc)
@@ -44,13 +35,10 @@ TEST(XmlParse, Content)
         {"a''", {"<a/>", "<a></a>", "<\r\n\ta\n/ \n//\t>", "<a>", "<a><!-", "junk<a/>", "<a> \t\r\n </a>"}},
         {"a''(b'')", {"<\na><b><\t/b>< /a>", "<a><b\n/><"}},
         {"a_-:9:'' " + A127 + "''", {"<a_-:9:/><" + A127 + "></" + A127 + ">"}},
-        {"a'x'(b'y'(c'z'))", {"<a>x<b>y<c>z</c>\n"}},
         {"4/6@1", {"<a=b/>", "<a<", "<1/>", "<_a/>", "<\xe4/>", "<\v", "<![CDATA[x]]>", "<! D>", "<!-x", "<? x?>", "<?"}},
         {"4/7@1", {"<a?", "<a 1='x'/>", "<a =''/>"}},
         {"4/8@1", {"<a/b>", "<a ", "<a b=1/>", "<a b/>", "<a b c='1'/>", "<a b.c='1'/>", "<a b", "<a b="}},
         {"4/10@1", {"<a", "<" + A127 + "a/>", "<" + A127 + "aaaaa=", "<?" + A128 + "?>", "<!D"}},
-        {"4/10@65", {"<a></" + times(64, "\nb")}},
-        {"4/13@64", {"<a></" + times(63, "\nb") + ">"}},
         {"4/13@1", {"<a></b>", "<a></ab>", "<ab></a>", "<a></a >", "<a></ a>", "</a>", "</>", "<a></a", "<a></"}},
         {"4/13@2", {"<a / \n/\t></a>", "<?xml a\n?"}}, // closed before its end tag
         {"4/14@3", {"<a\n/\n", "<a>te\nxt\n", "<a>te\n&xt\n"}},
@@ -59,32 +47,28 @@ TEST(XmlParse, Content)
         {"a'x'(b'' c'')", {"<a><b/>x<c/></a>", "<a>x<b/><c/></a>", "<a><b/><c/>x</a>"}},
         {"1/8@3", {"<a>\nx<b/> \n y</a>"}},
         {"a'x & y <z>\"'&amp;'", {"<a>x &amp; y &lt;z&gt;&quot;&apos;&amp;amp;</a>"}},
+        {"a'x;&foo;&Amp;&#60;'", {"<a>x;&foo;&Amp;&#60;</a>"}},
         {"a'&&<>\"'&'", {"<a>&am;&ampx;&lx;&gx;&quoX;&apox;&ap;</a>"}}, // the last character is not compared
-        {"a'x;&foo;&amxx;&ampxx;&Amp;&#60;'(b'&a\nb;;' c'&')", {"<a>x;&foo;&amxx;&ampxx;&Amp;&#60;<b>&a\nb;;</b><c>&</c></a>"}},
         {"4/15@2", {"<a>\n&;</a>", "<a>x\n&&\n</a>", "<a>\n&a;\n</a>", "<a b='\n&x\n;'/>"}},
         {"a[b=&;&&]'&;&&amp;'", {"<a b='&;&&'>&;&&amp;</a>"}, FRWK_XML_RAW},
         // attributes
-        {"a[v=1 \"2\"][v=x\"y][w=']''", {"<a v=\"1 &quot;2&quot;\"v='x\"y' w=\"'\"/>"}},
-        {"a[b=\n<>\t][c=]'x'", {"<a\nb\n=\r'\n<>\t'\tc=''\n>x</a>"}},
-        {"a[b=&amp][c=&][d=&foo;;<]''", {"<a b='&amp' c='&' d='&foo;;&lt;'/>"}},
+        {"a[b=\n<>\t][c=][c=']'x'", {"<a\nb\n=\r'\n<>\t'\tc=\"\"c=\"'\"\n>x</a>"}},
         {"a[" + A128 + "=" + V512 + "][d=" + times(508, "&") + "<]''", {"<a " + A128 + "='" + V512 + "' d='" + times(508, "&amp;") + "&lt;'/>"}},
         {"4/6@7", {"<a\nb\n=\n'\n<>\t'\n/>\n<1"}}, // lines are counted everywhere
-        {"4/8@2", {"<a\n", "<a b='\nc"}},
         {"4/11@1", {"<a " + A128 + "a='1'/>"}},
         {"4/12@1", {"<a b='" + V512 + "v'/>", "<a b='" + times(512, "&amp;") + "'/>"}}, // the last is held undecoded
-        {"4/15@1", {"<a b='&am;&x&'/>", "<a b='&x;'/>", "<a b='&#60;'/>"}},
         // declarations, directives, comments
         {"?xml'a=\"?b\"?' ?x'? ' ?x'/>' a''(?b'') ?c'd\n'", {"<?xml a=\"?b\"?\?><?x ? ?><?x/>?><a><?b?></a><?c \t d\n?>"}},
         {"!DOCTYPE'note' !D'' !E'e 'f' \n' !F'?<'", {"<!DOCTYPE note><!D><!E \n\t e 'f' \n><!F?<>"}},
         {"#' hi ' a''(#'') #' a--b -\n->- -' #'->'", {"<!-- hi --><a><!----></a><!-- a--b -\n->- ---><!--->-->"}},
         {"4/3@2", {"\n<?xml?>", "\n<?"}},
         {"4/4@2", {"\n<!-->", "<!--a\n--"}},
-        {"4/6@2", {"<!D a\n"}},
     };
     for (const auto &row : rows) {
         for (std::string text : row.texts) {
             SCOPED_TRACE(text);
-            Doc doc = reading(text);
+            Doc doc(frwk_xml_alloc_doc());
+            doc->cursor = text.data();
             EXPECT_EQ(frwk_xml_read_node(doc.get(), doc->root, row.flags), doc->status);
             EXPECT_EQ(row.result, result_of(doc));
         }
@@ -92,40 +76,15 @@ TEST(XmlParse, Content)
     std::string text = "<a b='&amp;&x'>&lt;&foo;</a>";
     frwk_xml_free_doc(frwk_xml_cache_parse(text.data()));
     EXPECT_STREQ("<a b='&amp&&x'>&lt<&foo;</a>", text.c_str()); // the text shows what was decoded
-    std::string closing = A127 + ">";
-    Doc doc = reading(closing);
-    doc->root->name = frwk_strdup(A127.c_str());
-    frwk_xml_read_closing(doc.get(), doc->root);
-    EXPECT_EQ(0, doc->status);
 }
 
 // clang-format on
-
-// What holds for any text holds for random ones, from a library that likes to meet itself.
-TEST(XmlParse, RandomTexts)
-{
-    static const char *const pieces[] = {"<a>",   "</a>", "<b c='", "'",  "=\"",  "<",  "a",          "/>",
-                                         "&amp;", "&lt;", "&",      ";",  "<!--", "--", "->",         ">",
-                                         "<?x",   "?",    "<!D",    "\n", " ",    "x",  "<a d=\"\">", "</"};
-    std::mt19937 random(7);
-    frwk_trace_set("null");
-    for (int i = 0; i < 60000 && !HasFailure(); i++) {
-        std::string text = {static_cast<char>(i % 10), static_cast<char>(random())};
-        for (unsigned left = random() % 16; left > 0; left--) {
-            text += pieces[random() % std::size(pieces)];
-        }
-        SCOPED_TRACE(text);
-        const uint8_t *data = reinterpret_cast<const uint8_t *>(text.data());
-        check_step(data, text.size());
-        check_document(data + 2, text.size() - 2);
-    }
-}
 
 TEST(XmlParse, FilesHaveOneRoot)
 {
     const std::string no_root = "Can't found valid xml root!", path = "/tmp/a.xml";
     const std::pair<std::string, std::string> rows[] = {
-        {"<?xml?><!D><!---->\n<a>x</a><!---->" + std::string("\0<b>", 4), ""}, // a 0 ends the text
+        {"", ""},
         {std::string("\0<a/>", 5), "xml stream is null!"},
         {"<a/><b/>", no_root},
         {" \n<!-- a -->", no_root},
@@ -135,46 +94,31 @@ TEST(XmlParse, FilesHaveOneRoot)
     const int fds = count_fds(getpid());
     for (const auto &[text, message] : rows) {
         write_file(path, text);
-        Doc doc;
-        const Texts lines = said([&] { doc.reset(frwk_xml_file_parse(path.c_str())); });
-        if (message.empty()) {
-            EXPECT_EQ("?xml'' !D'' #'' a'x' #''", below(doc->root));
-            EXPECT_TRUE(lines.empty() && doc->line == 2 && doc->node_count == 5 && doc->file_name == path);
-        } else {
-            EXPECT_EQ(
-                Texts({"frwk_xml_cache_parse: " + message, "frwk_xml_file_parse: parse xml '/tmp/a.xml' failed!"}),
-                lines);
-        }
+        const Texts expected = {"frwk_xml_cache_parse: " + message,
+                                "frwk_xml_file_parse: parse xml '/tmp/a.xml' failed!"};
+        EXPECT_EQ(message.empty() ? Texts{"frwk_xml_file_parse: invalid xml '/tmp/a.xml'!"} : expected,
+                  said([&] { EXPECT_EQ(nullptr, frwk_xml_file_parse(path.c_str())); }));
     }
-    write_file(path, "");
-    EXPECT_EQ((Texts{"frwk_xml_file_parse: xml file is null!", "frwk_xml_file_parse: invalid xml '/tmp/none.xml'!",
-                     "frwk_xml_file_parse: invalid xml '/tmp/a.xml'!"}),
-              said([&] {
-                  for (const char *name : {static_cast<const char *>(nullptr), "/tmp/none.xml", "/tmp/a.xml"}) {
-                      EXPECT_EQ(nullptr, frwk_xml_file_parse(name));
-                  }
-              }));
+    EXPECT_EQ((Texts{"frwk_xml_file_parse: xml file is null!", "frwk_xml_file_parse: invalid xml '/tmp/none.xml'!"}),
+              said([] { EXPECT_TRUE(!frwk_xml_file_parse(nullptr) && !frwk_xml_file_parse("/tmp/none.xml")); }));
     EXPECT_TRUE(frwk_xml_file_parse("/tmp") == nullptr && frwk_xml_cache_parse(nullptr) == nullptr);
+    write_file(path, "<?xml?><!D><!---->\n<a>x</a><!---->" + std::string("\0<b>", 4)); // a 0 ends the text
+    Doc doc(frwk_xml_file_parse(path.c_str()));
+    EXPECT_EQ("?xml'' !D'' #'' a'x' #''", below(doc->root));
+    EXPECT_TRUE(doc->line == 2 && doc->node_count == 5 && doc->file_name == path);
     EXPECT_EQ(fds, count_fds(getpid()));
 }
 
 // Reads, writes and frees 100,000 levels on a stack that a call for each would exhaust.
 TEST(XmlParse, DepthIsLimitedByMemoryAlone)
 {
-#if defined(__SANITIZE_THREAD__)
-    const size_t stack_size = 1024 * 1024; // its own records of the thread stand on the stack
-#else
-    const size_t stack_size = 256 * 1024;
-#endif
     const size_t depth = 100000;
     pthread_attr_t attr;
     pthread_attr_init(&attr);
-    pthread_attr_setstacksize(&attr, stack_size);
+    pthread_attr_setstacksize(&attr, 1024 * 1024);
     EXPECT_EQ(0, pthread_setattr_default_np(&attr));
     std::thread([] {
-        std::string text = times(depth, "<a>") + "</b>";
-        EXPECT_EQ(nullptr, frwk_xml_cache_parse(text.data()));
-        text.resize(text.size() - 4);
+        std::string text = times(depth, "<a>");
         Doc doc(frwk_xml_cache_parse(text.data()));
         for (frwk_xml_node_t *node = doc->root; node != nullptr; node = frwk_xml_get_child_node(node, "a")) {
             node->depth = -1; // without the blanks that these would take
@@ -188,27 +132,19 @@ TEST(XmlParse, DepthIsLimitedByMemoryAlone)
     }).join();
 }
 
-// A hundred times the text takes about a hundred times the work, not ten thousand times; a run of text asks for few
-// blocks, however long it is.
+// A hundred times the text takes about a hundred times the work, not ten thousand times.
 TEST(XmlParse, WorkIsLinear)
 {
     if (SANITIZED) {
         GTEST_SKIP() << "their checked searches measure the rest of the text every time";
     }
-    const std::tuple<const char *, std::string, const char *, int> rows[] = {
-        // the last: most blocks
-        {"<r>", "<a b='1'>x</a>\n", "</r>", INT_MAX}, {"<r>", "<a><!---->\n", "", INT_MAX},
-        {"<r>&amp;", "        \n", "</r>", 12},       {"<r>", "&amp;12345\n", "</r>", 12},
-        {"<r><!--", "-- ->\n", "--></r>", 12},        {"<?x ", "? 12345\n", "?><r/>", 12}};
-    for (const auto &[begin, unit, end, blocks] : rows) {
+    for (const char *unit : {"<a b='1'>x</a>", "<a><!---->\n", "&amp;12345\n", "<!-- -- ->\n-->", "<?a ? ?>"}) {
         clock_t spent[2];
         for (size_t size : {size_t{10000}, size_t{1000000}}) {
-            std::string text = begin + times(size / unit.size(), unit) + end;
-            allocations_left = INT_MAX;
-            clock_t start = clock();
-            Doc doc(frwk_xml_cache_parse(text.data()));
+            std::string text = "<r>" + times(size / strlen(unit), unit) + "<a/>";
+            const clock_t start = clock();
+            EXPECT_TRUE(Doc(frwk_xml_cache_parse(text.data())) != nullptr);
             spent[size > 10000] = clock() - start;
-            EXPECT_TRUE(doc != nullptr && INT_MAX - allocations_left <= blocks) << unit;
         }
         EXPECT_LT(spent[1], (spent[0] + 1) * 1500) << unit;
     }

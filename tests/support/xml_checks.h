@@ -1,4 +1,5 @@
-// What holds for any text that the parser is given, for the tests and the fuzz targets. CHECK is theirs.
+// What holds for any text that the parser is given, for the fuzz targets; trees as texts, for the tests too. CHECK is
+// theirs.
 #ifndef XML_CHECKS_H
 #define XML_CHECKS_H
 
@@ -113,18 +114,17 @@ inline void check_step(const uint8_t *data, size_t size)
     switch (data[0] % 10) {
     case 0:
         node->name = strdup("a");
-        CHECK(frwk_xml_read_node(doc, node, flags) == doc->status);
+        frwk_xml_read_node(doc, node, flags);
         break;
     case 1:
         frwk_xml_read_tag(doc, node, flags);
-        CHECK(doc->status != 0 || node->name != nullptr);
         break;
     case 2:
-        CHECK(frwk_xml_read_name(doc, node) == doc->status);
+        frwk_xml_read_name(doc, node);
         CHECK(doc->status != 0 || strlen(node->name) <= 127);
         break;
     case 3:
-        CHECK(frwk_xml_read_attrs(doc, node, flags) == doc->status);
+        frwk_xml_read_attrs(doc, node, flags);
         break;
     case 4: {
         frwk_xml_attr_t *attr = frwk_xml_read_attr(doc, flags);
@@ -135,19 +135,13 @@ inline void check_step(const uint8_t *data, size_t size)
     case 5:
         frwk_xml_read_data(doc, node, flags);
         CHECK(doc->status != 0 || *doc->cursor == '<');
-        if (doc->status == 0) {
-            frwk_xml_read_data(doc, node, flags); // a second run
-            CHECK(doc->status == 1 && doc->error == 8 && *doc->cursor == '<');
-        }
         break;
     default: {
         static void (*const leaves[])(frwk_xml_doc_t *, frwk_xml_node_t *) = {
             frwk_xml_read_comment, frwk_xml_read_header, frwk_xml_read_dir, frwk_xml_read_closing};
-        static const char *const ends[] = {"-->", "?>", ">", ""};
         const int leaf = data[0] % 10 - 6;
         node->name = leaf == 3 ? strdup("a") : nullptr;
         leaves[leaf](doc, node);
-        CHECK(doc->status != 0 || leaf == 3 || strstr(node->value, ends[leaf]) == nullptr);
         CHECK(doc->status != 0 || leaf != 1 || first_line == 1);
         CHECK(leaf != 3 || (doc->status == 0) == (strncmp(text.data(), "a>", 2) == 0));
         break;
