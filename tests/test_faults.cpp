@@ -207,6 +207,7 @@ std::string attempt(const Scenario &scenario, int n)
             const auto given_back = [&blocks, &fds] { return live_blocks <= blocks && count_fds(getpid()) == fds; };
             EXPECT_TRUE(wait_until(given_back)) << live_blocks - blocks << " blocks leaked";
             EXPECT_TRUE(result == scenario.good || before == "{}" || files() == before) << files();
+            EXPECT_FALSE(contains(files(), ".new")) << files();
             EXPECT_EQ(good, outcome_of(scenario.act)) << "afterwards";
         }
         printf("%s%s", reached ? "\noutcome: " : "", outcome.c_str());
