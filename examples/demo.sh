@@ -17,6 +17,7 @@ esac
 
 programs=${DEVICE_PROGRAMS:-$(cd "$(dirname "$0")/.." && pwd)/build/release/examples}
 PATH=$programs:$PATH
+peer=$(dirname "$0")/peer.py
 if ! [ -x "$programs/monitor" ]; then
     echo "demo.sh: no programs in $programs: tools/demo builds them" >&2
     exit 1
@@ -87,6 +88,14 @@ at() {
     printf '> %s\n' "$1"
     printf '%s\r' "$1" >&5
     check "the answer to $1 should match $2" answer "$2" "${3:-1}"
+}
+
+# asks ANSWER ARGUMENT...: of peer.py.
+asks() {
+    local answer
+    answer=$("$peer" --limit 20 "${@:2}" 2>&1)
+    printf '$ peer.py %s\n%s\n' "${*:2}" "$answer"
+    check "the answer should be $1" test "$answer" = "$1"
 }
 
 # Two terminals, joined: what goes in at one comes out at the other.
@@ -179,6 +188,12 @@ new=$(cat /tmp/odm/lock/qmuxd)
 echo "process $old is now $new"
 check "the new process should trace at the stored level" within 10 logged "qmuxd\\[$new\\]: debug"
 
+title "qmuxd hangs, and the monitor finds out"
+sleep 2.5 # the monitor is more patient before the first answer
+run kill -STOP "$new"
+check "the monitor should say so" within 30 logged 'monitor\[.*qmuxd does not answer'
+check "qmuxd should answer again" monitor_tool wait qmuxd
+
 title "Supervision switched off and on"
 run monitor_tool service qmuxd off
 check "qmuxd should stop" within 10 is_down qmuxd
@@ -186,6 +201,13 @@ at AT+STATUS=qmuxd '^\+CME ERROR: 1$'
 run monitor_tool service qmuxd on
 run monitor_tool wait qmuxd
 run logtool set qmuxd 1 info
+
+title "One module more, asked by a peer that does not use the library"
+run monitor_tool service dial_test on
+run monitor_tool wait dial_test
+asks 'rc=0 data=68656c6c6f' dial_test 7 68656c6c6f --rsp 5
+asks 'rc=3 data=0000' dial_test 7 68656c --rsp 2
+asks 'rc=0 data=' dial_test 7 6865 --async
 
 if [ -n "$keep" ]; then
     title "The device runs. Try logtool and monitor_tool; 'exit' stops it."
