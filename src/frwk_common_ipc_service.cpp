@@ -157,8 +157,8 @@ enum { SMALL_BODY = 4096, SMALL_RSP = 1024 };
 
 /* A request as it is first read: the header and what came with it. */
 struct request_t {
-    frwk_ipc_reqhdr_t hdr;
-    uint8_t body[SMALL_BODY];
+    alignas(8) frwk_ipc_reqhdr_t hdr;
+    uint8_t body[SMALL_BODY]; /* at a multiple of 8, as from malloc(): handlers look at it as at a record */
 };
 
 /*
@@ -246,7 +246,7 @@ static bool answer(const connection_t *conn, const uint8_t *frame, size_t len, c
 /* Runs a request whose body is there, and answers it: an asynchronous one before it runs. */
 static void dispatch(connection_t *conn, const frwk_ipc_reqhdr_t &hdr, const uint8_t *body)
 {
-    uint8_t small_rsp[SMALL_RSP];
+    alignas(8) uint8_t small_rsp[SMALL_RSP]; /* as the body */
     uint8_t *rsp = small_rsp;
     size_t rsp_len = sizeof(frwk_ipc_rsphdr_t) + static_cast<size_t>(hdr.rsp_size);
     if (rsp_len <= sizeof small_rsp) {

@@ -64,11 +64,12 @@ static frwk_submodule_msg_t *frwk_smt_pop(frwk_smt_t *smt, frwk_list_t **taken)
     return frwk_list_entry(node, frwk_submodule_msg_t, node);
 }
 
-static void deliver_pending(frwk_smt_t *smt, frwk_submodule_cb_t cb)
+/* The callback is the slot's at the time: a module that starts anew may have created the slot again. */
+static void deliver_pending(frwk_smt_t *smt)
 {
     frwk_list_t *taken = nullptr;
     while (frwk_submodule_msg_t *msg = frwk_smt_pop(smt, &taken)) {
-        cb(msg);
+        smt->cb.load(std::memory_order_acquire)(msg);
     }
 }
 
@@ -76,13 +77,12 @@ static void *frwk_submodule_main(void *arg)
 {
     frwk_smt_t *smt = static_cast<frwk_smt_t *>(arg);
     FRWK_ASSERT(NULL != smt);
-    frwk_submodule_cb_t cb = smt->cb.load(std::memory_order_acquire);
     for (;;) {
         frwk_sem_wait(&smt->sem);
-        deliver_pending(smt, cb);
+        deliver_pending(smt);
         /* Senders go first: in the middle of a burst they find this thread awake, and need not wake it. */
         sched_yield();
-        deliver_pending(smt, cb);
+        deliver_pending(smt);
     }
 }
 

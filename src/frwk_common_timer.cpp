@@ -41,14 +41,17 @@ static frwk_timer_t *timer_of(const frwk_list_t *node)
     return frwk_list_entry(node, frwk_timer_t, node);
 }
 
-/* Where the pointer to the pending timer of that id stands; it is null when there is none. */
-static pending_t **find_by_id(int id)
+/* The timer of that id that comes first in the list, null when there is none: ids may repeat once they have wrapped. */
+static frwk_timer_t *find_by_id(int id)
 {
-    pending_t **link = &by_id[static_cast<unsigned int>(id) % ID_BUCKETS];
-    while (*link != nullptr && (*link)->timer.id != id) {
-        link = &(*link)->next;
+    frwk_timer_t *first = nullptr;
+    for (pending_t *p = by_id[static_cast<unsigned int>(id) % ID_BUCKETS]; p != nullptr; p = p->next) {
+        /* A bucket is newest first, and of two that are due alike the older one comes first. */
+        if (p->timer.id == id && (first == nullptr || frwk_time_diff(&p->timer.expire, &first->expire) <= 0)) {
+            first = &p->timer;
+        }
     }
-    return link;
+    return first;
 }
 
 static void link_by_id(frwk_timer_t *timer)
@@ -59,17 +62,18 @@ static void link_by_id(frwk_timer_t *timer)
     *bucket = pending;
 }
 
-/* Takes the timer of that id out of the list and of by_id, and gives it to the caller; null when there is none. */
-static frwk_timer_t *unlink_timer(int id)
+/* Takes a timer out of the list and of by_id. */
+static frwk_timer_t *unlink_timer(frwk_timer_t *timer)
 {
-    pending_t **link = find_by_id(id);
-    pending_t *pending = *link;
-    if (pending == nullptr) {
-        return nullptr;
+    pending_t **link = &by_id[static_cast<unsigned int>(timer->id) % ID_BUCKETS];
+    while (*link != nullptr && &(*link)->timer != timer) {
+        link = &(*link)->next;
     }
-    *link = pending->next;
-    frwk_list_del(&pending->timer.node);
-    return &pending->timer;
+    if (*link != nullptr) {
+        *link = (*link)->next;
+    }
+    frwk_list_del(&timer->node);
+    return timer;
 }
 
 /* The first timer when it is due, unlinked; null when there is nothing to do yet. */
@@ -85,7 +89,7 @@ static frwk_timer_t *take_due_timer()
     if (frwk_time_diff(&first->expire, &now) > 0) {
         return nullptr;
     }
-    return unlink_timer(first->id);
+    return unlink_timer(first);
 }
 
 /* frwk_timer_init() may replace the default callback while the thread looks at it. */
@@ -188,12 +192,12 @@ static void insert_sorted(frwk_timer_t *timer)
 
 int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay)
 {
-    if (g_s_module_ctx.timer_inited.load(std::memory_order_acquire) == 0) {
-        FRWK_ERR("timer service is not started!");
-        return 0;
-    }
     if (delay < TIMER_PERIOD_MS) {
         FRWK_ERR("timer(%dms) < delay(%dms)", delay, TIMER_PERIOD_MS);
+        return 0;
+    }
+    if (g_s_module_ctx.timer_inited.load(std::memory_order_acquire) == 0) {
+        FRWK_ERR("timer service is not started!");
         return 0;
     }
     pending_t *pending = static_cast<pending_t *>(malloc(sizeof *pending));
@@ -228,7 +232,8 @@ static frwk_timer_t *take_timer(int id)
         return nullptr;
     }
     mutex_guard lock(&g_s_timer_ctrl.mutex);
-    return unlink_timer(id);
+    frwk_timer_t *timer = find_by_id(id);
+    return timer != nullptr ? unlink_timer(timer) : nullptr;
 }
 
 void *frwk_timer_stop(int id)

@@ -87,7 +87,7 @@ static void append_origin(line_t *line, int level, const char *file, const char 
     append(line, "|", 1);
     append_text(line, frwk_get_filename(file));
     append(line, "|", 1);
-    append_text(line, func);
+    append_text(line, func != nullptr ? func : "(null)");
     append(line, "|", 1);
     append_number(line, number);
     append(line, "::", 2);
