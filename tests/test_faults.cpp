@@ -307,7 +307,7 @@ TEST(Faults, Service)
         const std::string body(6000, 'x');
         const std::string answer = bytes_of(RspHdr{0, size}) + (size != 0 ? body + std::string(2000, '\0') : "");
         const int fd = raw_connect("qti");
-        usleep(20000); // so that the service waits
+        usleep(50000); // so that the service waits
         raw_send(fd, bytes_of(ReqHdr{4, 7, async, 1, size, 6000}) + body);
         const bool answered = raw_recv(fd, answer.size()) == answer;
         close(fd);
