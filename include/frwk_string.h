@@ -35,7 +35,7 @@ FRWK_API char *frwk_skip_next_space(const char *s);
  * @param start  marker; null or empty for the beginning of `src`
  * @param end    marker; null or empty for the end of `src`
  * @param out    receives the text and its terminator; empty when nothing was picked
- * @param size   bytes in `out`; nothing is written when it is below 1
+ * @param size   bytes in `out`; below 1 nothing fits, and nothing is written
  * @return 1; 0 when a marker is missing or the text does not fit
  */
 FRWK_API int frwk_str_pick(const char *src, const char *start, const char *end, char *out, int size);

@@ -59,10 +59,10 @@ char *frwk_skip_next_space(const char *s)
 
 int frwk_str_pick(const char *src, const char *start, const char *end, char *out, int size)
 {
-    if (size < 1) {
-        return 0;
+    size_t room = size > 0 ? static_cast<size_t>(size) : 0;
+    if (room > 0) {
+        out[0] = '\0';
     }
-    out[0] = '\0';
 
     const char *from = src;
     if (start != nullptr && *start != '\0') {
@@ -84,11 +84,11 @@ int frwk_str_pick(const char *src, const char *start, const char *end, char *out
         n = strlen(from);
     }
 
-    if (n >= static_cast<size_t>(size)) {
+    if (n >= room) {
         FRWK_ERR("buffer not big enough(%d/%d)!", size, static_cast<int>(n));
         return 0;
     }
-    memcpy_s(out, static_cast<size_t>(size), from, n);
+    memcpy_s(out, room, from, n);
     out[n] = '\0';
     return 1;
 }

@@ -35,13 +35,15 @@ struct pending_t {
 /* The pending timers by id, so that a stop need not walk the list. Guarded by the service's mutex. */
 enum { ID_BUCKETS = 256 };
 static pending_t *by_id[ID_BUCKETS];
+static int32_t last_id;
+static bool ids_repeat; /* once they have started again, pending timers may have the same id */
 
 static frwk_timer_t *timer_of(const frwk_list_t *node)
 {
     return frwk_list_entry(node, frwk_timer_t, node);
 }
 
-/* The timer of that id that comes first in the list, null when there is none: ids may repeat once they have wrapped. */
+/* The timer of that id that comes first in the list, null when there is none. */
 static frwk_timer_t *find_by_id(int id)
 {
     frwk_timer_t *first = nullptr;
@@ -49,6 +51,9 @@ static frwk_timer_t *find_by_id(int id)
         /* A bucket is newest first, and of two that are due alike the older one comes first. */
         if (p->timer.id == id && (first == nullptr || frwk_time_diff(&p->timer.expire, &first->expire) <= 0)) {
             first = &p->timer;
+            if (!ids_repeat) {
+                break;
+            }
         }
     }
     return first;
@@ -147,6 +152,8 @@ static int32_t take_id()
 {
     int32_t id = g_s_timer_ctrl.next_id == INT_MAX ? 1 : g_s_timer_ctrl.next_id;
     g_s_timer_ctrl.next_id = id + 1;
+    ids_repeat = ids_repeat || id <= last_id;
+    last_id = id;
     return id;
 }
 

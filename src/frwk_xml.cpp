@@ -518,7 +518,7 @@ int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
         return STATUS_SYNTAX;
     }
     size_t n = name_length(name);
-    doc->cursor = name + n;
+    doc->cursor = name + (n > TAG_NAME_MAX ? TAG_NAME_MAX + 1 : n);
     if (n > TAG_NAME_MAX || name[n] == '\0') {
         fail(doc, ERROR_TAG_LONG);
         return STATUS_SYNTAX;
@@ -717,24 +717,26 @@ static char *shrink(char *value, size_t saved, size_t len)
     return shrunk != nullptr ? shrunk : value;
 }
 
-/* The text from the cursor to `end`, decoded or not, becomes the node's value; the cursor moves to `end`. */
-static void take_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end, bool decode)
+/* The text from the cursor to `end`, decoded or not, becomes the node's value; the cursor moves there. False on an
+ * error. */
+static bool take_value(frwk_xml_doc_t *doc, frwk_xml_node_t *node, char *end, bool decode)
 {
     size_t n = static_cast<size_t>(end - doc->cursor);
     char *value = n < UINT32_MAX ? static_cast<char *>(malloc(n + 1)) : nullptr;
     if (value == nullptr) {
         fail_memory(doc);
-        return;
+        return false;
     }
     char *value_end = decode ? decode_text(doc, end, value) : copy_run(doc, end, value);
     if (value_end == nullptr) {
         free(value);
-        return;
+        return false;
     }
     *value_end = '\0';
     size_t len = static_cast<size_t>(value_end - value);
     replace_text(&node->value, shrink(value, n - len, len));
     node->len = static_cast<uint32_t>(len);
+    return true;
 }
 
 void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags)
@@ -744,8 +746,8 @@ void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t fla
         doc->error = ERROR_ATTR;
         return;
     }
-    take_value(doc, node, strchrnul(doc->cursor, '<'), (flags & FRWK_XML_RAW) == 0);
-    if (doc->status == STATUS_OK && *doc->cursor == '\0') {
+    bool taken = take_value(doc, node, strchrnul(doc->cursor, '<'), (flags & FRWK_XML_RAW) == 0);
+    if (taken && *doc->cursor == '\0') {
         free(frwk_xml_get_node_value(node));
         fail(doc, ERROR_ENTITY_OPEN);
     }
@@ -806,7 +808,7 @@ void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node)
     bool same = node->name != nullptr;
     uint32_t lines = 0;
     size_t n = 0;
-    while (text[n] == name[n] && (class_of(text[n]) & NAME_CHAR) != 0) {
+    while (n <= TAG_NAME_MAX && text[n] == name[n] && (class_of(text[n]) & NAME_CHAR) != 0) {
         n++; /* all of it, as a rule */
     }
     for (; n <= TAG_NAME_MAX && text[n] != '>' && text[n] != '\0'; n++) {
