@@ -11,8 +11,11 @@
 
 #include "frwk.h"
 
-// Each bucket holds its keys in the order in which they were first entered, and their values as texts.
-using Buckets = std::vector<std::vector<std::pair<std::string, std::string>>>;
+struct Table {
+    uint32_t bucket_count = 0; // while there is no such table
+    // Those that were ever used: keys in the order in which they were first entered, and their values as texts.
+    std::map<uint32_t, std::vector<std::pair<std::string, std::string>>> buckets;
+};
 
 inline std::string shown(const frwk_hash_value_t &value)
 {
@@ -20,7 +23,7 @@ inline std::string shown(const frwk_hash_value_t &value)
                                                : std::to_string(value.data);
 }
 
-inline size_t bucket_count(int size)
+inline uint32_t bucket_count(int size)
 {
     for (int d = 2; size > 2 && d < size; d++) {
         if (size % d == 0) { // no prime: try the next smaller one
@@ -28,28 +31,26 @@ inline size_t bucket_count(int size)
             d = 1;
         }
     }
-    return static_cast<size_t>(size > 2 ? size : 31);
+    return static_cast<uint32_t>(size > 2 ? size : 31);
 }
 
-inline void check_contents(int handle, const Buckets &buckets)
+inline void check_contents(int handle, const Table &table)
 {
-    std::string expected, found;
-    for (size_t i = 0; i < buckets.size(); i++) {
-        for (const auto &[key, value] : buckets[i]) {
-            expected += std::to_string(i) + " " + key + "=" + value + "\n";
+    const frwk_hash_entry_t *entry = frwk_hash_first(handle);
+    for (const auto &[number, bucket] : table.buckets) {
+        for (const auto &[key, value] : bucket) {
+            CHECK(entry != nullptr && static_cast<uint32_t>(entry->bucket) == number && shown(entry->key) == key &&
+                  shown(entry->value) == value);
+            entry = frwk_hash_next(handle, entry);
         }
     }
-    const frwk_hash_entry_t *entry = frwk_hash_first(handle);
-    for (; entry != nullptr; entry = frwk_hash_next(handle, entry)) {
-        found += std::to_string(entry->bucket) + " " + shown(entry->key) + "=" + shown(entry->value) + "\n";
-    }
-    CHECK(expected == found);
+    CHECK(entry == nullptr);
 }
 
 // A chance gives numbers below its argument, and decides by that how large a thing becomes too.
 using Chance = std::function<unsigned(unsigned)>;
 
-inline void use_table(int handle, Buckets *buckets, const Chance &chance)
+inline void use_table(int handle, Table *table, const Chance &chance)
 {
     std::string key;
     uint32_t sum = 0;
@@ -58,14 +59,13 @@ inline void use_table(int handle, Buckets *buckets, const Chance &chance)
         sum += byte << (7 * key.size() % 24);
         key += static_cast<char>(byte);
     }
-    auto &bucket = (*buckets)[sum % buckets->size()];
+    auto &bucket = table->buckets[sum % table->bucket_count];
     const auto found = std::find_if(bucket.begin(), bucket.end(), [&](auto &pair) { return pair.first == key; });
     const bool present = found != bucket.end();
     const unsigned action = chance(8);
     if (action < 4) {
-        static const char own[] = "of the caller, who keeps it";
         const frwk_hash_value_t value = action == 0   ? frwk_hash_value_integer(static_cast<int>(chance(200)) - 100)
-                                        : action == 1 ? frwk_hash_value_string(own, 0)
+                                        : action == 1 ? frwk_hash_value_string("of the caller, who keeps it", 0)
                                                       : frwk_hash_value_string((key + key).c_str(), 1);
         const std::string text = shown(value);
         CHECK(frwk_hash_enter(handle, key.c_str(), value) != nullptr);
@@ -85,29 +85,28 @@ inline void use_table(int handle, Buckets *buckets, const Chance &chance)
 // On up to 40 tables, more than two steps of the handle array.
 inline void use_tables(const Chance &chance, const std::function<bool()> &goes_on)
 {
-    std::map<int, Buckets> tables; // by handle
+    std::vector<Table> tables(40); // by handle
+    const auto is_free = [](const Table &table) { return table.bucket_count == 0; };
     while (goes_on()) {
-        const int handle = static_cast<int>(chance(40));
-        const unsigned rare = chance(100);
-        if (tables.count(handle) == 0) {
-            const int size = (static_cast<int>(chance(74)) - 3) * (rare < 3 ? 20 : 1);
-            int lowest = 0;
-            while (tables.count(lowest) != 0) {
-                lowest++;
-            }
-            CHECK(frwk_hash_create(size) == lowest);
-            tables[lowest].resize(bucket_count(size));
-        } else if (rare > 1) {
-            use_table(handle, &tables[handle], chance);
+        const unsigned chosen = chance(40);
+        if (is_free(tables[chosen])) {
+            const int size = static_cast<int>(chance(74)) - 3;
+            const auto lowest = std::find_if(tables.begin(), tables.end(), is_free);
+            CHECK(frwk_hash_create(size) == lowest - tables.begin());
+            lowest->bucket_count = bucket_count(size);
+        } else if (chance(50) != 0) {
+            use_table(static_cast<int>(chosen), &tables[chosen], chance);
         } else {
-            check_contents(handle, tables[handle]);
-            frwk_hash_free(handle);
-            tables.erase(handle);
+            check_contents(static_cast<int>(chosen), tables[chosen]);
+            frwk_hash_free(static_cast<int>(chosen));
+            tables[chosen] = {};
         }
     }
-    for (const auto &[handle, buckets] : tables) {
-        check_contents(handle, buckets);
-        frwk_hash_free(handle);
+    for (int handle = 0; handle < 40; handle++) {
+        if (!is_free(tables[static_cast<size_t>(handle)])) {
+            check_contents(handle, tables[static_cast<size_t>(handle)]);
+            frwk_hash_free(handle);
+        }
     }
 }
 
