@@ -1,4 +1,4 @@
-#include <fcntl.h>
+#include <unistd.h>
 
 #include "text_test.h"
 
@@ -9,8 +9,8 @@ namespace {
 TEST(String, LosesLineEndsAndBlanks)
 {
     using End = std::tuple<std::string, int, const char *>; // text, length, what is left
-    const End ends[] = {{"ok\r\n", 4, "ok"},   {"\r\n", 2, ""},     {"ok\n", 0, "ok\n"}, {"a\nb", 3, "a\nb"},
-                        {"a\n\n\r\n", 5, "a"}, {"ab\n\n", 3, "ab"}, {"ab\n", 4, "ab\n"}};
+    const End ends[] = {
+        {"ok\r\n", 4, "ok"}, {"\r\n", 2, ""}, {"ok\n", 0, "ok\n"}, {"a\nb", 3, "a\nb"}, {"ab\n", 4, "ab\n"}};
     for (auto [text, n, left] : ends) {
         EXPECT_EQ(n > 0 ? text.data() : nullptr, frwk_skip_end_crlf(text.data(), n)) << text;
         EXPECT_STREQ(left, text.c_str());
@@ -22,11 +22,7 @@ TEST(String, LosesLineEndsAndBlanks)
         EXPECT_EQ(text + space, frwk_skip_space(text)) << text;
         EXPECT_EQ(next < 0 ? nullptr : text + next, frwk_skip_next_space(text)) << text;
     }
-    EXPECT_TRUE(frwk_skip_end_crlf(nullptr, 3) == nullptr && frwk_skip_space(nullptr) == nullptr);
-    EXPECT_EQ(nullptr, frwk_skip_next_space(nullptr));
-    char *copy = frwk_strdup(nullptr);
-    EXPECT_STREQ("", copy);
-    free(copy);
+    EXPECT_TRUE(!frwk_skip_end_crlf(nullptr, 3) && !frwk_skip_space(nullptr) && !frwk_skip_next_space(nullptr));
 }
 
 TEST(String, PicksBetweenMarkers)
@@ -41,10 +37,8 @@ TEST(String, PicksBetweenMarkers)
         {"key=[value];", nullptr, ";", 16, 1, "key=[value]", nullptr},
         {"key=[value];", "", nullptr, 13, 1, "key=[value];", nullptr},
         {"a]b[c]d", "[", "]", 9, 1, "c", nullptr}, // the end counts behind the start only
-        {"xx", "x", "x", 9, 1, "", nullptr},
         {"key", "=", "", 9, 0, "", nullptr},
         {"key=v", "=", ";", 9, 0, "", nullptr},
-        {"key", "", "", 0, 0, "~", nullptr},
     };
     for (const auto &row : rows) {
         char out[32] = "~";
@@ -60,56 +54,44 @@ TEST(Buffer, GrowsByMoreThanAsked)
     const Case cases[] = {{0, 4095, 4096, 8192},   {0, 4096, 12288, 12288}, {0, 8191, 12288, 12288},
                           {0, 8192, 16384, 16384}, {4095, 1, 8192, 8192},   {4096, -9999, 4096, 8192}};
     for (auto [len, n, size, size_ex] : cases) {
-        for (bool ex : {false, true}) {
-            frwk_buffer_t bf;
-            ASSERT_EQ(1, frwk_buffer_init(&bf));
-            memset(bf.bp, 'x', 4096);
-            bf.len = len;
-            EXPECT_EQ(1, ex ? frwk_buffer_grow_ex(&bf, n) : frwk_buffer_grow(&bf, n));
-            EXPECT_TRUE(bf.size == (ex ? size_ex : size) && bf.len == len) << bf.size << " for " << n;
-            std::string kept(reinterpret_cast<char *>(bf.bp), static_cast<size_t>(ex ? bf.size : 4096));
-            EXPECT_EQ(std::string(4096, 'x') + std::string(kept.size() - 4096, '\0'), kept);
-            frwk_buffer_free(&bf);
-            EXPECT_TRUE(bf.size == 0 && bf.len == 0 && bf.bp == nullptr);
-            frwk_buffer_free(&bf);
-        }
+        frwk_buffer_t bf;
+        ASSERT_EQ(1, frwk_buffer_init(&bf));
+        bf.len = len;
+        EXPECT_EQ(1, frwk_buffer_grow(&bf, n));
+        EXPECT_TRUE(bf.size == size && bf.len == len) << bf.size << " for " << n;
+        frwk_buffer_free(&bf);
+        EXPECT_TRUE(bf.size == 0 && bf.len == 0 && bf.bp == nullptr);
+        ASSERT_EQ(1, frwk_buffer_init(&bf));
+        memset(bf.bp, 'x', 4096);
+        EXPECT_EQ(1, frwk_buffer_grow_ex(&bf, n));
+        EXPECT_EQ(std::string(4096, 'x') + std::string(static_cast<size_t>(size_ex) - 4096, '\0'),
+                  std::string(reinterpret_cast<char *>(bf.bp), static_cast<size_t>(bf.size)));
+        frwk_buffer_free(&bf);
     }
-    frwk_buffer_free(nullptr);
 }
 
-TEST(Buffer, ThatCannotGrowEndsTheProcess)
+TEST(Buffer, ThatOutgrowsItsSizeWordEndsTheProcess)
 {
-    for (int size : {INT_MAX - 4095, SANITIZED ? INT_MAX - 1 : 0}) { // no room in the size word; no memory
-        Result result = run_child([=] {
-            frwk_buffer_t bf = {size, size, nullptr};
-            allocations_left = size == 0 ? 1 : INT_MAX;
-            size == 0 ? frwk_buffer_grow_ex(&bf, 5000) : frwk_buffer_grow(&bf, INT_MAX - 4095);
-        });
-        EXPECT_TRUE(result.aborted() && contains(result.err, "), NULL != bf->bp\n")) << result;
-    }
+    const Result result = run_child([] {
+        frwk_buffer_t bf = {INT_MAX - 4095, INT_MAX - 4095, nullptr};
+        frwk_buffer_grow(&bf, INT_MAX - 4095);
+    });
+    EXPECT_TRUE(result.aborted() && contains(result.err, "), NULL != bf->bp\n")) << result;
 }
 
 TEST(FileValue, IsWrittenAndReadWhole)
 {
-    const std::string path = "/tmp/value";
-    EXPECT_EQ(0, frwk_file_size(path.c_str()));
-    EXPECT_EQ(0, frwk_set_file_value(path.c_str(), "longer value", 12));
-    EXPECT_EQ(0, frwk_set_file_value(path.c_str(), "va\0lue", 6));
-    EXPECT_EQ(6, frwk_file_size(path.c_str()));
+    const char path[] = "/tmp/value";
+    EXPECT_EQ(0, frwk_file_size(path));
+    EXPECT_EQ(0, frwk_set_file_value(path, "longer value", 12));
+    EXPECT_EQ(0, frwk_set_file_value(path, "va\0lue", 6));
+    EXPECT_EQ(6, frwk_file_size(path));
     char out[8] = "~~~~~~~";
-    EXPECT_EQ(0, frwk_get_file_value(path.c_str(), out, 7));
+    EXPECT_EQ(0, frwk_get_file_value(path, out, 7));
     EXPECT_EQ(std::string("va\0lue~", 7), std::string(out, 7));
-    EXPECT_EQ((Texts{"frwk_get_file_value: open /tmp/value fialed!", "frwk_set_file_value: open /tmp/value fialed!",
-                     "frwk_set_file_value: write /dev/full fialed! ret is -1, value len is 1, errno is 28",
-                     "frwk_get_file_value: read /dev/null fialed! ret is 0, errno is 28"}),
-              said([&] {
-                  close(0); // a descriptor 0 counts as none
-                  EXPECT_EQ(-1, frwk_get_file_value(path.c_str(), out, 4));
-                  EXPECT_EQ(-1, frwk_set_file_value(path.c_str(), "1", 1));
-                  EXPECT_EQ(0, open("/", O_RDONLY));
-                  EXPECT_EQ(-1, frwk_set_file_value("/dev/full", "1", 1));
-                  EXPECT_EQ(-1, frwk_get_file_value("/dev/null", out, 4));
-              }));
+    EXPECT_EQ(-1, frwk_get_file_value("/dev/null", out, 4)) << "nothing to read";
+    close(0);
+    EXPECT_EQ(-1, frwk_set_file_value(path, "1", 1)) << "a descriptor 0 counts as none";
 }
 
 } // namespace

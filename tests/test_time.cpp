@@ -24,13 +24,8 @@ using namespace frwk_test;
 
 TEST(Time, SleepsSecondsThenTheRest)
 {
-    const std::pair<int, const char *> rows[] = {{INT_MIN, ""},
-                                                 {0, ""},
-                                                 {1, "1000us"},
-                                                 {999, "999000us"},
-                                                 {1000, "1s"},
-                                                 {2500, "2s500000us"},
-                                                 {INT_MAX, "2147483s647000us"}};
+    const std::pair<int, const char *> rows[] = {
+        {INT_MIN, ""}, {0, ""}, {999, "999000us"}, {1000, "1s"}, {2500, "2s500000us"}, {INT_MAX, "2147483s647000us"}};
     for (const auto &[ms, calls] : rows) {
         sleeps.clear();
         frwk_sleep(ms);
@@ -40,19 +35,13 @@ TEST(Time, SleepsSecondsThenTheRest)
 
 TEST(Time, UptimeAndDifference)
 {
-    const struct {
-        frwk_uptime_t a, b;
-        int ms;
-    } rows[] = {{{1, 0}, {0, 999999}, 1}, // 1000 - 999: both parts are truncated on their own
-                {{0, 1999}, {0, 0}, 1},
-                {{0, 1500}, {0, 600}, 0},
-                {{2, 1000}, {1, 500000}, 501},
-                {{2147483, 647000}, {0, 0}, INT_MAX},
-                {{2147483, 648000}, {0, 0}, INT_MIN}, // wraps
-                {{INT_MAX, 0}, {INT_MIN, 0}, -1000}};
-    for (const auto &row : rows) {
-        EXPECT_EQ(row.ms, frwk_time_diff(&row.a, &row.b)) << row.a.sec << "." << row.a.usec;
-        EXPECT_EQ(static_cast<int>(0U - static_cast<unsigned int>(row.ms)), frwk_time_diff(&row.b, &row.a));
+    const std::tuple<frwk_uptime_t, frwk_uptime_t, int> rows[] = {
+        {{1, 0}, {0, 999999}, 1}, // 1000 - 999: both parts are truncated on their own
+        {{0, 1500}, {0, 600}, 0},
+        {{2147483, 648000}, {0, 0}, INT_MIN}, // wraps
+        {{INT_MAX, 0}, {INT_MIN, 0}, -1000}};
+    for (const auto &[a, b, ms] : rows) {
+        EXPECT_EQ(ms, frwk_time_diff(&a, &b)) << a.sec << "." << a.usec;
     }
     frwk_uptime_t now;
     fixed_uptime = 10700001999;
@@ -65,20 +54,13 @@ TEST(Time, UptimeAndDifference)
 
 TEST(Time, Systime)
 {
-    const std::tuple<const char *, int64_t, std::vector<int>> rows[] = {
-        // year, mon, mday, wday, hour, min, sec
-        {"UTC0", 1704186307, {2024, 1, 2, 2, 9, 5, 7}},
-        {"EST5", 1704067200, {2023, 12, 31, 0, 19, 0, 0}},
-        {"AAA-5:30", 951782399, {2000, 2, 29, 2, 5, 29, 59}}};
-    for (const auto &[zone, time, expected] : rows) {
-        setenv("TZ", zone, 1);
-        tzset();
-        frwk_systime_t st;
-        fixed_time = time * 1000000000;
-        frwk_get_systime(&st);
-        fixed_time = -1;
-        EXPECT_EQ(expected, std::vector<int>({st.year, st.mon, st.mday, st.wday, st.hour, st.min, st.sec}));
-    }
+    setenv("TZ", "EST5", 1);
+    fixed_time = INT64_C(1704067200) * 1000000000;
+    frwk_systime_t st;
+    frwk_get_systime(&st);
+    fixed_time = -1;
+    EXPECT_TRUE(st.year == 2023 && st.mon == 12 && st.mday == 31 && st.wday == 0);
+    EXPECT_TRUE(st.hour == 19 && st.min == 0 && st.sec == 0);
 }
 
 TEST(Time, RandomIsDrawnFromTheTimeOfDay)
@@ -92,8 +74,7 @@ TEST(Time, RandomIsDrawnFromTheTimeOfDay)
         const unsigned int drawn = static_cast<unsigned int>(rand());
         const int after = rand();
         fixed_time = seconds * INT64_C(1000000000) + micros * INT64_C(1000);
-        const std::pair<int, unsigned int> rows[] = {
-            {1, 1}, {6, 6}, {INT_MAX, INT_MAX}, {-1, INT_MAX}, {INT_MIN, INT_MAX}, {0, at_random}};
+        const std::pair<int, unsigned int> rows[] = {{1, 1}, {6, 6}, {INT_MAX, INT_MAX}, {-1, INT_MAX}, {0, at_random}};
         for (auto [max, bound] : rows) {
             EXPECT_EQ(drawn % bound + 1, static_cast<unsigned int>(frwk_random(max)));
         }
