@@ -62,16 +62,6 @@ inline std::string words(const std::vector<int64_t> &values)
     return bytes;
 }
 
-// The bytes of a request, and all that the service answers before it closes.
-inline std::string answer_to(const std::string &module, const std::string &request)
-{
-    int fd = frwk_test::raw_connect(module);
-    EXPECT_TRUE(frwk_test::raw_send(fd, request));
-    std::string answer = frwk_test::raw_recv(fd, 1 << 20);
-    close(fd);
-    return answer;
-}
-
 // Messages of the handler that the tests' modules use.
 enum {
     MSG_ECHO = 7, // gives the body back

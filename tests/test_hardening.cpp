@@ -36,7 +36,7 @@ int32_t handler(uint32_t, uint32_t msg, const uint8_t *req, int32_t req_len, uin
 
 bool answers()
 {
-    return raw_request("qmuxd", {2, MSG_ECHO, 0, 1, 4, 4}, "body").data == "body";
+    return answer_to("qmuxd", bytes_of(ReqHdr{2, MSG_ECHO, 0, 1, 4, 4}) + "body") == bytes_of(RspHdr{0, 4}) + "body";
 }
 
 TEST(Hardening, StrangersAreKeptOut)

@@ -71,16 +71,11 @@ TEST(Request, Frames)
                  words({0, 0}), 1},
                 {"monitor", [] { return frwk_system_reset(1); }, words({4, 502, 1, 3, 0, 4, 1}), "", 0},
                 {"monitor_tool", status, status_request, words({0, 4, 0xfedcba98}), 0xfedcba98},
-                {"monitor_tool", status, status_request, words({2, 4, 5}), 0},
                 {"monitor_tool", status, status_request, words({3, 4, 5}), 0}};
     for (const auto &row : rows) {
         EXPECT_EQ(row.value, with_peer(row.target, row.frame, {row.answer}, row.call)) << row.target;
     }
-    Capture out;
-    EXPECT_EQ(0U, frwk_get_module_status(8));
-    frwk_set_module_status(77);
-    EXPECT_EQ(77U, frwk_get_module_status(4)) << "the own one needs no message";
-    EXPECT_EQ(connect_failed({"qti"}), said(out.traces()));
+    EXPECT_EQ(0U, frwk_get_module_status(8)) << "nobody there";
 }
 
 TEST(Request, Outcomes)
@@ -94,12 +89,10 @@ TEST(Request, Outcomes)
         int32_t result;
         std::string rsp; // of 8 bytes "........", where it is defined
         Texts said;
-    } rows[] = {{{words({0, 0})}, 0, 0, "........", none},
-                {{words({-1, -5}) + "1234"}, 0, -1, "........", none},
+    } rows[] = {{{words({-1, -5}) + "1234"}, 0, -1, "........", none},
                 {{words({2, 8}) + "12345678"}, 2, 2, "12345678", none},
                 {{words({13, 4}) + "1234"}, 0, 13, "1234....", none},
-                {{words({0, 8}) + "123", "45", "678"}, 0, 0, "12345678", none},
-                {{words({0, 8}), "12345678"}, 0, 0, "12345678", none},
+                {{words({0, 8}), "12345", "678"}, 0, 0, "12345678", none},
                 {{}, 19, UNWRITTEN, "", header},
                 {{words({0}), words({8}) + "12345678"}, 19, UNWRITTEN, "", header}, // not put together
                 {{words({2, 8}) + "123", "4567"}, 19, UNWRITTEN, "", data},
@@ -120,17 +113,10 @@ TEST(Request, Outcomes)
                                                           [] { return frwk_ipc_send_async(9, 7, nullptr, 0, 1); }));
     }
     EXPECT_EQ(fds, count_fds(getpid()));
-    close(raw_listen("qmuxd"));
-    EXPECT_EQ(FRWK_ERROR_NO_MODULE, frwk_ipc_msg_notify(9, 7, nullptr, 0)) << "a socket without a listener";
-}
-
-TEST(Request, LargerAnswerEndsTheProcess)
-{
-    with_peer("qmuxd", words({4, 7, 0, 1, 4, 0}), {words({0, 5}) + "12345"}, [] {
+    with_peer("qmuxd", words({4, 7, 0, 1, 8, 0}), {words({0, 9}) + "123456789"}, [] {
         const Result child = run_child([] {
-            become_requester();
-            char rsp[4];
-            frwk_ipc_msg_get(9, 7, rsp, 4, 1, nullptr);
+            char rsp[8];
+            frwk_ipc_msg_get(9, 7, rsp, 8, 1, nullptr);
         });
         expect_assertion(child, "logtool", "rsphdr.msg_len <= rspsize");
         return 0;
@@ -140,61 +126,48 @@ TEST(Request, LargerAnswerEndsTheProcess)
 TEST(Request, Arguments)
 {
     become_requester();
-    int listener = raw_listen("qmuxd");
     char buf[4];
     Capture out;
     EXPECT_EQ(1, frwk_ipc_send_sync(0, 7, nullptr, 0, nullptr, 0, 1, nullptr));
     EXPECT_EQ(1, frwk_ipc_send_async(10, 7, nullptr, 4, 1));
-    EXPECT_EQ(1, frwk_ipc_send_sync(0xffffffff, 7, buf, 4, nullptr, 4, 1, nullptr));
     EXPECT_EQ(3, frwk_ipc_send_sync(9, 7, nullptr, 1, buf, 4, 1, nullptr));
     EXPECT_EQ(3, frwk_ipc_send_sync(4, 7, buf, -1, buf, 4, 1, nullptr));
     EXPECT_EQ(3, frwk_ipc_send_sync(9, 7, buf, 4, nullptr, 1, 1, nullptr));
     EXPECT_EQ(3, frwk_ipc_send_sync(4, 7, buf, 4, buf, INT32_MIN, 1, nullptr));
-    EXPECT_EQ(3, frwk_ipc_send_async(9, 7, nullptr, 1, 1));
-    Texts expected = {"error|invalid module id=0", "error|invalid module id=10", "error|invalid module id=-1"};
-    expected.resize(8, "error|invalid request arguments!");
+    Texts expected = {"error|invalid module id=0", "error|invalid module id=10"};
+    expected.resize(6, "error|invalid request arguments!");
     EXPECT_EQ(expected, said(out.traces()));
-    EXPECT_EQ(-1, raw_accept(listener, 0)) << "nobody connected";
-    close(listener);
 }
 
 TEST(Request, Broadcasts)
 {
     ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_ATFWD_DAEMON, nullptr));
     trace_all();
-    // Who does not take it is traced and skipped.
+    // The caller's own table decides; who does not take it is traced and skipped.
+    g_s_modules_info[FRWK_MODULE_MONITOR].flags = FRWK_MODULE_FLAG_MONITOR_SERVICE;
+    g_s_modules_info[FRWK_MODULE_QTI].flags = FRWK_MODULE_FLAG_SYSLOG | FRWK_MODULE_FLAG_IPC;
     Capture out;
     with_peer("mbimd", words({2, 700, 1, 3, 0, 0}), {words({0, 0})}, [] {
         frwk_ipc_msg_broadcast(700);
         return 0;
     });
-    EXPECT_EQ(connect_failed({"serial_bridge", "qti", "qmuxd"}), said(out.traces()));
+    EXPECT_EQ(connect_failed({"monitor", "serial_bridge", "qmuxd"}), said(out.traces()));
     with_peer("logtool", words({2, 701, 1, 3, 0, 4}) + "data", {words({0, 0})}, [] {
         frwk_ipc_msg_broadcast_data(701, "data", 4);
         return 0;
     });
     EXPECT_EQ(connect_failed({"monitor", "dial_test", "serial_bridge", "monitor_tool", "mbimd", "qti", "qmuxd"}),
               last(14, said(out.traces())));
-    // The caller's own table decides.
-    g_s_modules_info[FRWK_MODULE_MONITOR].flags = FRWK_MODULE_FLAG_MONITOR_SERVICE;
-    g_s_modules_info[FRWK_MODULE_QTI].flags = FRWK_MODULE_FLAG_SYSLOG | FRWK_MODULE_FLAG_IPC;
-    frwk_ipc_msg_broadcast(0);
-    EXPECT_EQ(connect_failed({"monitor", "serial_bridge", "mbimd", "qmuxd"}), last(8, said(out.traces())));
 }
 
 TEST(Request, BetweenModules)
 {
     Module qmuxd(FRWK_MODULE_QMUXD, serve_and_trace);
     ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_ATFWD_DAEMON, nullptr));
-    EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(9, MSG_BLOCK, nullptr, 0, 1)) << "a slow handler delays nobody";
     std::vector<uint8_t> body(32000, 7), rsp(4000000, 0xff);
-    EXPECT_EQ(0, frwk_ipc_send_sync(9, MSG_ECHO, body.data(), 32000, rsp.data(), 32000, 1, nullptr));
-    EXPECT_TRUE(std::equal(body.begin(), body.end(), rsp.begin()));
-    EXPECT_EQ(0xff, rsp[body.size()]);
     EXPECT_EQ(0, frwk_ipc_send_sync(9, MSG_ECHO, body.data(), 32000, rsp.data(), 4000000, 1, nullptr));
     body.resize(rsp.size());
     EXPECT_TRUE(body == rsp) << "more than a socket holds, in many reads";
-    release();
 }
 
 TEST(Request, ToOneself)
@@ -205,23 +178,18 @@ TEST(Request, ToOneself)
     EXPECT_EQ(0, frwk_ipc_send_sync(4, 7, nullptr, 0, nullptr, 0, 0, &result)) << "whatever the handler's result";
     EXPECT_EQ(13, result);
     EXPECT_EQ(FRWK_ERROR_INVALID_PARAM, frwk_ipc_init(nullptr));
-    EXPECT_EQ(Texts({"warning|ipc handler is null!", "error|Parameter is null!"}), said(out.traces()));
-    EXPECT_EQ(-5, frwk_ipc_timeout(-5));
-
     EXPECT_EQ(0, frwk_ipc_init(test_handler));
     char data[] = "12", rsp[1];
     EXPECT_EQ(0, frwk_ipc_send_sync(4, MSG_TELL, data, 2, rsp, 1, 99, nullptr));
-    EXPECT_TRUE(out.wait_for("from=4 msg=10 req=set len=2 rsp=set size=1 timeout=99\n")) << out.text();
     EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(4, MSG_BLOCK, nullptr, 0, 0)) << "does not wait";
-    EXPECT_TRUE(out.wait_for("blocked\n"));
     EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(4, MSG_TELL, data, 2, 8));
+    EXPECT_TRUE(out.wait_for("from=4 msg=10 req=set len=2 rsp=set size=1 timeout=99\n"));
     EXPECT_TRUE(out.wait_for("from=4 msg=10 req=set len=2 rsp=null size=0 timeout=8\n")) << out.text();
-    EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_msg_notify(4, MSG_TELL, nullptr, 0));
-    EXPECT_TRUE(out.wait_for("from=4 msg=10 req=set len=0 rsp=null size=0 timeout=3\n")) << out.text();
     const int32_t failure = 1;
     EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(4, MSG_RESULT, &failure, 4, 0));
     EXPECT_TRUE(out.wait_for("::call msg handler failed!\n"));
-    EXPECT_EQ(3U, out.traces().size());
+    EXPECT_EQ(Texts({"warning|ipc handler is null!", "error|Parameter is null!", "error|call msg handler failed!"}),
+              said(out.traces()));
     release();
 }
 

@@ -6,14 +6,13 @@
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -24,10 +23,6 @@ extern "C" const char *__asan_default_options()
 {
     return "allocator_may_return_null=1:detect_stack_use_after_return=1:strict_string_checks=1";
 }
-extern "C" const char *__ubsan_default_options()
-{
-    return "print_stacktrace=1";
-}
 extern "C" const char *__tsan_default_options()
 {
     return "die_after_fork=0:second_deadlock_stack=1:atexit_sleep_ms=0";
@@ -36,11 +31,6 @@ extern "C" const char *__tsan_default_options()
 namespace frwk_test {
 
 namespace {
-
-int memory_file()
-{
-    return memfd_create("frwk_test", MFD_CLOEXEC);
-}
 
 std::string contents(int fd)
 {
@@ -53,10 +43,10 @@ std::string contents(int fd)
     return text;
 }
 
-bool readable(int fd, int ms)
+bool readable(int fd)
 {
     pollfd entry = {fd, POLLIN, 0};
-    return poll(&entry, 1, ms) > 0;
+    return poll(&entry, 1, DEADLINE_MS) > 0;
 }
 
 // Binds or connects a socket.
@@ -80,13 +70,15 @@ std::vector<std::string> entries(const std::string &dir)
 
 } // namespace
 
+int memory_file()
+{
+    return memfd_create("frwk_test", MFD_CLOEXEC);
+}
+
 long now_ms()
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    // Wraps on 32 bits, as do the differences that are looked at.
-    return static_cast<long>(static_cast<unsigned long>(now.tv_sec) * 1000 +
-                             static_cast<unsigned long>(now.tv_nsec / 1000000));
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<long>(now / std::chrono::milliseconds(1));
 }
 
 bool wait_until(const std::function<bool()> &done, int ms)
@@ -128,21 +120,18 @@ std::string read_file(const std::string &path)
 void write_file(const std::string &path, const std::string &contents)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file << contents << std::flush;
-    EXPECT_TRUE(file.good()) << "cannot write " << path;
+    EXPECT_TRUE(std::ofstream(path) << contents << std::flush) << "cannot write " << path;
 }
 
 bool exists(const std::string &path)
 {
-    struct stat info;
-    return lstat(path.c_str(), &info) == 0;
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
 int count_fds(pid_t pid)
 {
-    const int own_handle = pid == getpid();
-    return static_cast<int>(entries("/proc/" + std::to_string(pid) + "/fd").size()) - own_handle;
+    const size_t own_handle = pid == getpid();
+    return static_cast<int>(entries("/proc/" + std::to_string(pid) + "/fd").size() - own_handle);
 }
 
 // The helper threads of an emulator or a sanitizer block every signal that they can.
@@ -164,13 +153,8 @@ bool emulated()
 
 // ---- traces
 
-std::string TraceLine::brief() const
-{
-    return level + "|" + file + "|" + func + "::" + msg;
-}
-
 // Made at the start, since some tests count blocks of memory.
-static const std::regex trace_start(R"(\[([^\]]*)\].{19}\|([^|]*)\|([^|]*)\|([^|]*)\|-?[0-9]+::)"); // after the time
+static const std::regex trace_start(R"(\[([^\]]*)\].{19}\|([^|]*)\|[^|]*\|([^|]*)\|-?[0-9]+::)"); // after the time
 
 std::vector<TraceLine> parse_console(const std::string &text)
 {
@@ -178,7 +162,7 @@ std::vector<TraceLine> parse_console(const std::string &text)
     for (const std::string &line : split_lines(text)) {
         std::smatch parts;
         if (std::regex_search(line, parts, trace_start, std::regex_constants::match_continuous)) {
-            traces.push_back({parts[1], parts[2], parts[3], parts[4], parts.suffix()});
+            traces.push_back({parts[1], parts[2], parts[3], parts.suffix()});
         }
     }
     return traces;
@@ -205,11 +189,6 @@ std::string Capture::text()
     return contents(memory);
 }
 
-std::vector<TraceLine> Capture::traces()
-{
-    return parse_console(text());
-}
-
 bool Capture::wait_for(const std::string &part)
 {
     return wait_until([&] { return contains(text(), part); });
@@ -222,18 +201,14 @@ std::string socket_path(const std::string &module)
     return "/tmp/odm/ipc/" + module;
 }
 
-int raw_connect(const std::string &module, int ms)
+int raw_connect(const std::string &module)
 {
     int fd = -1;
-    const auto connected = [&] {
+    wait_until([&] {
         close(fd);
         fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
         return at_address(connect, fd, socket_path(module));
-    };
-    if (!wait_until(connected, ms)) {
-        close(fd);
-        return -1;
-    }
+    });
     return fd;
 }
 
@@ -247,9 +222,9 @@ int raw_listen(const std::string &module)
     return fd;
 }
 
-int raw_accept(int listener, int ms)
+int raw_accept(int listener)
 {
-    return readable(listener, ms) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+    return readable(listener) ? accept4(listener, nullptr, nullptr, SOCK_CLOEXEC) : -1;
 }
 
 bool raw_send(int fd, const std::string &bytes)
@@ -257,10 +232,10 @@ bool raw_send(int fd, const std::string &bytes)
     return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-std::string raw_recv(int fd, size_t size, int ms)
+std::string raw_recv(int fd, size_t size)
 {
     std::string bytes;
-    while (bytes.size() < size && readable(fd, ms)) {
+    while (bytes.size() < size && readable(fd)) {
         char buf[65536];
         ssize_t n = read(fd, buf, std::min(sizeof buf, size - bytes.size()));
         if (n <= 0) {
@@ -271,47 +246,26 @@ std::string raw_recv(int fd, size_t size, int ms)
     return bytes;
 }
 
-bool raw_closed(int fd, int ms)
+bool raw_closed(int fd)
 {
     char byte;
-    return readable(fd, ms) && recv(fd, &byte, 1, MSG_PEEK) <= 0;
+    return readable(fd) && recv(fd, &byte, 1, MSG_PEEK) <= 0;
 }
 
-Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::string &body)
+std::string answer_to(const std::string &module, const std::string &request)
 {
-    Reply reply;
     int fd = raw_connect(module);
-    raw_send(fd, bytes_of(hdr) + body);
-    const std::string header = raw_recv(fd, sizeof reply.hdr);
-    header.copy(reinterpret_cast<char *>(&reply.hdr), sizeof reply.hdr);
-    const size_t size = static_cast<size_t>(std::max(reply.hdr.msg_len, 0));
-    reply.data = raw_recv(fd, size);
-    reply.complete = header.size() == sizeof reply.hdr && reply.data.size() == size && raw_closed(fd);
+    EXPECT_TRUE(raw_send(fd, request));
+    const std::string answer = raw_recv(fd, SIZE_MAX);
     close(fd);
-    return reply;
+    return answer;
 }
 
 // ---- child processes
 
-bool Result::ok() const
-{
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-bool Result::aborted() const
-{
-    return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
-}
-
 std::ostream &operator<<(std::ostream &stream, const Result &result)
 {
-    return stream << "wait status " << result.status << "\nstandard output:\n"
-                  << result.out << "\nstandard error:\n"
-                  << result.err << "\n";
-}
-
-Process::Process() : out_memory(memory_file()), err_memory(memory_file()), pid(-1)
-{
+    return stream << "wait status " << result.status << "\n" << result.out << result.err;
 }
 
 void Process::start(const std::function<void()> &body)
@@ -341,14 +295,8 @@ std::string Process::out() const
 
 std::string Process::err() const
 {
-    // without the line that an emulator adds when a signal ends the process
-    static const std::regex emulators("qemu: uncaught target signal [0-9]+ \\([^)]*\\) - core dumped\n");
-    return std::regex_replace(contents(err_memory), emulators, "");
-}
-
-bool Process::wait_out(const std::string &part) const
-{
-    return wait_until([&] { return contains(out(), part); });
+    const std::string text = contents(err_memory);
+    return text.substr(0, text.find("qemu: uncaught target signal")); // an emulator's, when a signal ends the process
 }
 
 Result Process::wait(int ms)
@@ -377,43 +325,35 @@ Result run_child(const std::function<void()> &body, int seconds)
     return child.wait(seconds * 1000);
 }
 
-// SIGTERM is blocked in all threads of a module and taken by the main one, so that the process ends by exit().
-static void be_module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb, int report)
-{
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    sigset_t term;
-    sigemptyset(&term);
-    sigaddset(&term, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &term, nullptr);
-    if (frwk_module_init(id, cb) != FRWK_ERROR_SUCCESS) {
-        exit(1);
-    }
-    if (set_up) {
-        set_up();
-    }
-    EXPECT_EQ(1, write(report, "", 1));
-    close(report);
-    int signal;
-    sigwait(&term, &signal);
-}
-
 Module::Module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb)
 {
-    int report[2];
-    EXPECT_EQ(0, pipe2(report, O_CLOEXEC));
+    int ends[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
     start([&] {
-        close(report[0]);
-        be_module(id, set_up, cb, report[1]);
+        close(ends[0]);
+        setvbuf(stdout, nullptr, _IOLBF, 0);
+        if (frwk_module_init(id, cb) != FRWK_ERROR_SUCCESS) {
+            exit(1);
+        }
+        if (set_up) {
+            set_up();
+        }
+        char byte = 0;
+        raw_send(ends[1], "+");
+        while (read(ends[1], &byte, 1) < 0) { // until a signal was not the reason to go on
+        }
     });
-    close(report[1]);
-    ready = raw_recv(report[0], 1).size() == 1;
-    close(report[0]);
+    close(ends[1]);
+    line = ends[0];
+    ready = raw_recv(line, 1).size() == 1;
 }
 
 Module::~Module()
 {
+    shutdown(line, SHUT_RDWR); // other children hold copies
+    close(line);
     if (pid > 0) {
-        const Result result = stop(SIGTERM);
+        const Result result = wait();
         EXPECT_TRUE(result.ok()) << "a module process " << result;
     }
 }
@@ -445,7 +385,6 @@ std::vector<SyslogLine> SyslogSink::wait_for(size_t count)
     std::string all;
     wait_until([&] {
         all = reader.out();
-        all.resize(all.rfind('\0') + 1); // another one may still be coming
         return static_cast<size_t>(std::count(all.begin(), all.end(), '\0')) >= count;
     });
     std::vector<SyslogLine> lines;

@@ -4,7 +4,7 @@
 #define FRWK_TEST_H
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
+#include <sys/wait.h>
 
 #include <cstdint>
 #include <functional>
@@ -31,13 +31,12 @@ bool emulated(); // whether this process runs in qemu, which lacks ptrace and me
 
 // ---- traces
 
-// A trace line in parts; `brief()` is "level|file|func::msg", which leaves out what differs from run to run.
 struct TraceLine {
-    std::string name, level, file, func, msg;
-
-    std::string brief() const;
+    std::string name, level, func, msg;
 };
 std::vector<TraceLine> parse_console(const std::string &text);
+
+int memory_file();
 
 // Redirects standard output (or error) of this process to memory while it lives.
 struct Capture {
@@ -45,12 +44,13 @@ struct Capture {
     ~Capture();
 
     std::string text(); // all so far
-    std::vector<TraceLine> traces();
+    std::vector<TraceLine> traces()
+    {
+        return parse_console(text());
+    }
     bool wait_for(const std::string &part);
 
-    int target;
-    int saved;
-    int memory;
+    int target, saved, memory;
 };
 
 // ---- raw peers on the wire
@@ -64,20 +64,15 @@ template <typename T> std::string bytes_of(const T &record)
 }
 
 std::string socket_path(const std::string &module);
-int raw_connect(const std::string &module, int ms = DEADLINE_MS); // tries until something listens; -1
-int raw_listen(const std::string &module);                        // makes the directories too
-int raw_accept(int listener, int ms = DEADLINE_MS);               // -1
-bool raw_send(int fd, const std::string &bytes);                  // in one write
-std::string raw_recv(int fd, size_t size, int ms = DEADLINE_MS);  // fewer bytes at the end of the stream or a deadline
-bool raw_closed(int fd, int ms = DEADLINE_MS); // true once the peer has closed, with nothing left to read
+int raw_connect(const std::string &module);      // tries until something listens
+int raw_listen(const std::string &module);       // makes the directories too
+int raw_accept(int listener);                    // -1
+bool raw_send(int fd, const std::string &bytes); // in one write
+std::string raw_recv(int fd, size_t size);       // fewer bytes at the end of the stream or a deadline
+bool raw_closed(int fd);                         // true once the peer has closed, with nothing left to read
 
-struct Reply {
-    bool complete = false; // header and all the announced data arrived, then the end of the stream
-    RspHdr hdr = {};
-    std::string data;
-};
-// Sends one request on a connection of its own and reads all of the answer.
-Reply raw_request(const std::string &module, const ReqHdr &hdr, const std::string &body = "");
+// What a module answers to the bytes of a request on a connection of its own, until it closes.
+std::string answer_to(const std::string &module, const std::string &request);
 
 // ---- child processes
 
@@ -86,25 +81,29 @@ struct Result {
     std::string out;
     std::string err;
 
-    bool ok() const;      // exited with 0, which takes that no expectation failed in the child
-    bool aborted() const; // ended by SIGABRT; what stood in the buffer of stdout is lost then, but not under TSan
+    bool ok() const // exited with 0, which takes that no expectation failed in the child
+    {
+        return status == 0;
+    }
+    bool aborted() const // what stood in the buffer of stdout is lost then, but not under TSan
+    {
+        return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    }
 };
 std::ostream &operator<<(std::ostream &stream, const Result &result);
 
 // A child, once started, that runs `body` and ends with exit(), so that the leak checker looks at it.
 struct Process {
-    Process();
     ~Process();
     void start(const std::function<void()> &body);
 
     std::string out() const; // what it has written so far
     std::string err() const;
-    bool wait_out(const std::string &part) const;
     Result wait(int ms = DEADLINE_MS); // waits for it to end by itself; it is killed at the deadline
     Result stop(int signal);
 
-    int out_memory, err_memory;
-    pid_t pid; // -1 once it was waited for
+    const int out_memory = memory_file(), err_memory = memory_file();
+    pid_t pid = -1; // -1 once it was waited for
 };
 Result run_child(const std::function<void()> &body, int seconds = 60);
 
@@ -114,6 +113,7 @@ struct Module : Process {
     explicit Module(uint32_t id, const std::function<void()> &set_up = {}, frwk_module_cb_t cb = nullptr);
     ~Module();
 
+    int line;   // closed to end it
     bool ready; // frwk_module_init() gave 0 and `set_up` returned
 };
 
