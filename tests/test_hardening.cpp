@@ -153,16 +153,18 @@ TEST(Hardening, SignalsChangeNoAnswer)
 // call was finished nevertheless. Nothing may be left of the thread.
 bool finishes_cancelled(const std::function<void()> &call)
 {
-    static std::atomic<bool> begun, returned;
-    begun = returned = false;
+    static std::atomic<bool> begun, returned, cancelled;
+    begun = returned = cancelled = false;
     const int fds = count_fds(getpid());
     const int threads = count_threads(getpid());
     const pthread_t thread = frwk_thread_create(
         [](void *body) -> void * {
+            pthread_cleanup_push([](void *) { cancelled = true; }, nullptr);
             begun = true;
             (*static_cast<const std::function<void()> *>(body))();
             returned = true;
             frwk_sleep(60000);
+            pthread_cleanup_pop(0);
             return nullptr;
         },
         const_cast<std::function<void()> *>(&call));
@@ -170,7 +172,7 @@ bool finishes_cancelled(const std::function<void()> &call)
     EXPECT_TRUE(wait_until([] { return begun.load(); }));
     usleep(50000);
     frwk_thread_cancel(thread);
-    EXPECT_TRUE(wait_until([&] { return count_threads(getpid()) == threads; })) << "not cancelled";
+    EXPECT_TRUE(wait_until([&] { return cancelled && count_threads(getpid()) == threads; }));
     EXPECT_EQ(fds, count_fds(getpid()));
     return returned;
 }
