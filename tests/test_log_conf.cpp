@@ -1,5 +1,4 @@
-// The trace settings on disk: default file, setters, what a module takes at its start. And what both configuration
-// files share: recovery of a save that was cut off.
+// The trace settings on disk: default file, setters, what a module takes at its start.
 #include "conf_test.h"
 
 using namespace conf_test;
@@ -25,39 +24,32 @@ std::string file(const std::string &qti = entries({"qti"}))
 
 const std::string MISSING = " from '/usrdata/odm/log_conf.xml' failed";
 
+std::function<int()> set(uint32_t id, int mode, const char *level)
+{
+    return [=] { return frwk_set_trace_info(id, mode, level); };
+}
+
 TEST(LogConf, Changes)
 {
-    const auto set = [](uint32_t id, int mode, const char *level) {
-        return [=] { return frwk_set_trace_info(id, mode, level); };
-    };
     const auto set_all = [] { return frwk_all_set_trace_info(1, "info"); };
-    const std::string info = "<level>info</level>", whole = file();
-    const std::string odd =
-        "<!-- by hand --><conf><x/><qti a=\"1\"><level>info</level><mode>3</mode></qti><qti/></conf>";
-    std::string all_missing = "0";
-    for (const char *name : {"monitor", "atfwd_daemon", "dial_test", "serial_bridge", "mbimd", "qmuxd"}) {
-        all_missing += std::string("|frwk_all_set_trace_info: get ") + name + MISSING;
-    }
+    const std::string info = "<level>info</level>", without_qmuxd = "<root>" + entries(BEFORE_QTI) + "<qti/></root>";
+    const std::string all = entries(BEFORE_QTI, "1", info) + entries({"qti", "qmuxd"}, "1", info);
+    const std::string odd = "<!-- by hand --><conf><x/><qti a=\"1\"><level>info</level></qti><qti/></conf>";
     // clang-format off
     check(LOG, {
-        {nullptr, frwk_init_log_cfg_info, MADE, whole},
-        {BROKEN, frwk_init_log_cfg_info, "0", whole},
+        {BROKEN, frwk_init_log_cfg_info, "0", file()},
         {nullptr, set(8, 3, "debug"), MADE, file(entries({"qti"}, "3", "<level>debug</level>"))},
-        {whole.c_str(), set(8, -100, "<&>"), "0", file(entries({"qti"}, "-100", "<level>&lt;&amp;&gt;</level>"))},
-        {"<root/>", set(8, 1, nullptr), "0|frwk_set_trace_info: get qti" + MISSING,
-         "<root>\n" + entries({"qti"}, "1", "<level/>") + "</root>\n"},
-        {odd.c_str(), set(8, 1, "error"), "0",
-         "<!--  by hand  -->\n<conf>\n   <x/>\n   <qti a=\"1\">\n      <level>error</level>\n      <mode>1</mode>\n"
+        {"<root/>", set(8, -100, nullptr), "0|frwk_set_trace_info: get qti" + MISSING,
+         "<root>\n" + entries({"qti"}, "-100", "<level/>") + "</root>\n"},
+        {odd.c_str(), set(8, 1, "<"), "0",
+         "<!--  by hand  -->\n<conf>\n   <x/>\n   <qti a=\"1\">\n      <level>&lt;</level>\n      <mode>1</mode>\n"
          "   </qti>\n   <qti/>\n</conf>\n"},
         {nullptr, set(4, 1, "info"), "4|frwk_set_trace_info: logtool no need set log config", ""},
         {nullptr, set(0, 1, "info"), "3|frwk_set_trace_info: invalid module id=0", ""},
-        {whole.c_str(), set(10, 1, "info"), "3|frwk_set_trace_info: invalid module id=10", whole},
         {BROKEN, set(8, 1, "info"), broken(LOG, "frwk_set_trace_info"), BROKEN},
         {BROKEN, set_all, broken(LOG, "frwk_all_set_trace_info"), BROKEN},
-        {nullptr, set_all, MADE, "<root>\n" + entries(BEFORE_QTI, "1", info) + entries({"qti", "qmuxd"}, "1", info) +
-                                 "</root>\n"},
-        {"<root><qti/></root>", set_all, all_missing, "<root>\n" + entries({"qti"}, "1", info) +
-         entries(BEFORE_QTI, "1", info) + entries({"qmuxd"}, "1", info) + "</root>\n"},
+        {nullptr, set_all, MADE, "<root>\n" + all + "</root>\n"},
+        {without_qmuxd.c_str(), set_all, "0|frwk_all_set_trace_info: get qmuxd" + MISSING, "<root>\n" + all + "</root>\n"},
     });
     // clang-format on
 }
@@ -66,7 +58,7 @@ TEST(LogConf, Changes)
 TEST(LogConf, TakenAtStart)
 {
     const std::string piece = "<root><qti><mode>1</mode><level>info</level></qti>", whole = piece + "</root>";
-    const std::string open_old = "<root><qti><mode>5</mode><level/></qti>", old = open_old + "</root>";
+    const std::string old = "<root><qti><mode>5</mode><level/></qti></root>";
     const struct {
         std::string file;
         const char *backup;
@@ -74,16 +66,12 @@ TEST(LogConf, TakenAtStart)
     } rows[] = {
         {"<root><QTI><mode>2</mode><level>debug</level></QTI></root>", nullptr, "0 0"},
         {"<any><qti><level>Error</level><mode>0002</mode></qti><qti><mode>1</mode></qti></any>", nullptr, "2 1"},
-        {"<root><qti><mode>-1x</mode><level>info</level></qti></root>", nullptr, "-1 4"},
         {"<root><qti><mode>00002</mode><level>debug</level></qti></root>", nullptr, "0 0"},
-        {"<root><qti><level>debug</level></qti></root>", nullptr, "0 0"},
-        {"<root><qti><mode>2</mode></qti></root>", nullptr, "2 0"},
+        {"<root><qti><mode>-1x</mode></qti></root>", nullptr, "-1 0"},
         {"<root><qti><mode>2</mode><level>loud</level></qti></root>", nullptr, "Unsupported trace level(loud)\n2 0"},
         {piece, BROKEN, "1 4"},
-        {piece, "", "1 4"},
         {whole + "\n<!-- x -->\n ", old.c_str(), "1 4"},
         {"<root a='1' / >", old.c_str(), "0 0"},
-        {"", open_old.c_str(), "5 0"},
         {piece, old.c_str(), "5 0"},
         {piece + "<root><root/></root><!-- x -->", old.c_str(), "5 0"},
         {whole.substr(0, 30) + std::string(20, '\0'), old.c_str(), "5 0"},
@@ -91,18 +79,24 @@ TEST(LogConf, TakenAtStart)
         {BROKEN, BROKEN, "0 0"},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE(row.file);
         put(LOG, "", row.backup);
         write_file(LOG, row.file);
-        EXPECT_EQ(row.taken + " 1 -", settings());
+        EXPECT_EQ(row.taken + " 1 -", settings()) << row.file;
         EXPECT_EQ(row.file, read_file(LOG)) << "reading changes nothing";
-        EXPECT_EQ(row.backup != nullptr ? row.backup : "", read_file(LOG + ".bak"));
-        const bool lost = row.file == BROKEN; // then nothing is said of the backup
-        EXPECT_EQ(lost ? broken(LOG, "frwk_set_trace_info") : "0|frwk_set_trace_info: get mbimd" + MISSING,
-                  call([] { return frwk_set_trace_info(FRWK_MODULE_MBIMD, 3, "info"); }));
-        EXPECT_EQ(row.taken + " 1 -", settings());
-        EXPECT_EQ(lost ? 2U : 1U, listing().size());
     }
+}
+
+// Readers do not wait for a writer, and another writer does not wait for good.
+TEST(LogConf, LockedElsewhere)
+{
+    put(LOG, "<root><qti><mode>2</mode><level>debug</level></qti></root>");
+    Lock lock;
+    ASSERT_TRUE(lock.held);
+    const long start = now_ms();
+    EXPECT_EQ("2 8 1 -", settings());
+    EXPECT_LT(now_ms() - start, 2999);
+    EXPECT_EQ("0|warning frwk_set_trace_info: no lock on '/usrdata/odm', errno=11", call(set(8, 1, "info")));
+    EXPECT_GE(now_ms() - start, 2999);
 }
 
 } // namespace
