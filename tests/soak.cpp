@@ -72,33 +72,25 @@ void count(int rc, int good, std::atomic<long> *done)
     }
 }
 
-// Keeps up to HELD connections open on which it sends `bytes` and reads nothing.
-[[noreturn]] void be_nuisance(std::atomic<long> *count, const std::string &bytes)
+// Keeps up to HELD connections open on which it sends what is made for each, and reads nothing.
+[[noreturn]] void be_nuisance(std::atomic<long> *count, useconds_t pause, const std::function<std::string()> &make)
 {
     int held[HELD] = {-1, -1, -1, -1, -1};
     for (int i = 0;; i = (i + 1) % HELD) {
         close(held[i]);
         held[i] = raw_connect("qmuxd");
-        raw_send(held[i], bytes);
+        raw_send(held[i], make());
         ++*count;
-        usleep(100000);
+        usleep(pause);
     }
 }
 
-[[noreturn]] void be_garbler()
+std::string make_garbage()
 {
-    std::minstd_rand random;
-    for (;;) {
-        std::string bytes(random() % 64, '\0');
-        for (char &byte : bytes) {
-            byte = static_cast<char>(random() % (random() % 2 == 0 ? 256 : 9));
-        }
-        int fd = raw_connect("qmuxd");
-        raw_send(fd, bytes);
-        usleep(static_cast<useconds_t>(random() % 2000));
-        close(fd);
-        counts->garbage++;
-    }
+    static std::minstd_rand random;
+    std::string bytes(random() % 64, '\0');
+    std::generate(bytes.begin(), bytes.end(), [] { return random() % (random() % 2 == 0 ? 256 : 9); });
+    return bytes;
 }
 
 long rss_kib(pid_t pid)
@@ -116,16 +108,6 @@ void starve(pid_t pid)
     prlimit(pid, RLIMIT_NOFILE, &none, nullptr);
     usleep(STARVING_MS * 1000);
     prlimit(pid, RLIMIT_NOFILE, &usual, nullptr);
-}
-
-int failures = 0;
-
-void expect(bool holds, const char *what)
-{
-    failures += !holds;
-    if (!holds) {
-        printf("FAILED: %s\n", what);
-    }
 }
 
 } // namespace
@@ -146,9 +128,9 @@ int main(int argc, char **argv)
 
     const ReqHdr unread = {2, MSG_ECHO, 0, 1, 4000000, 0}; // more than a socket holds
     Process nuisances[3], clients[CLIENTS];
-    nuisances[0].start([] { be_nuisance(&counts->silent, ""); });
-    nuisances[1].start([&] { be_nuisance(&counts->unread, bytes_of(unread)); });
-    nuisances[2].start(be_garbler);
+    nuisances[0].start([] { be_nuisance(&counts->silent, 100000, [] { return ""; }); });
+    nuisances[1].start([&] { be_nuisance(&counts->unread, 100000, [&] { return bytes_of(unread); }); });
+    nuisances[2].start([] { be_nuisance(&counts->garbage, 1000, make_garbage); });
     std::minstd_rand random;
     const auto start_client = [&](Process &client) {
         client.start([&] { be_client(static_cast<unsigned int>(random())); });
@@ -198,14 +180,22 @@ int main(int argc, char **argv)
            took, c.asked.load(), c.answered.load(), c.sent.load(), c.taken.load(), c.handled.load(), kills,
            c.silent.load(), c.unread.load(), c.garbage.load(), c.lost.load(), refused, c.wrong.load(), starvings,
            starved, early_rss, rss, fds, threads);
-    expect(c.wrong == 0, "an answer or a result was wrong");
-    expect(c.lost <= refused, "a request was lost that was not refused");
-    expect(c.handled >= c.taken && c.handled <= c.sent, "an acknowledged request was not handled, or twice");
-    expect(c.asked - c.answered <= kills + c.lost, "an unanswered request without a reason");
-    expect(c.answered > seconds * 100 && c.taken > seconds * 50, "hardly any load");
-    expect(starved > 0 && starved < starvings * STARVING_MS / 5, "the accept loop spins without descriptors");
-    expect(calm, "descriptors or threads were not given back");
-    expect(rss <= early_rss + 1024, "memory has grown");
-    expect(alive == FRWK_ERROR_SUCCESS, "the module does not answer afterwards");
+    const std::pair<bool, const char *> checks[] = {
+        {c.wrong == 0, "an answer or a result was wrong"},
+        {c.lost <= refused, "a request was lost that was not refused"},
+        {c.handled >= c.taken && c.handled <= c.sent, "an acknowledged request was not handled, or twice"},
+        {c.asked - c.answered <= kills + c.lost, "an unanswered request without a reason"},
+        {c.answered > seconds * 100 && c.taken > seconds * 50, "hardly any load"},
+        {starved > 0 && starved < starvings * STARVING_MS / 5, "the accept loop spins without descriptors"},
+        {calm, "descriptors or threads were not given back"},
+        {rss <= early_rss + 1024, "memory has grown"},
+        {alive == FRWK_ERROR_SUCCESS, "the module does not answer afterwards"}};
+    int failures = 0;
+    for (auto [holds, what] : checks) {
+        if (!holds) {
+            printf("FAILED: %s\n", what);
+            failures++;
+        }
+    }
     return failures > 0;
 }
