@@ -1,5 +1,4 @@
 // Start-up of modules: the lock, what the process inherits, the order of things, refusals.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 
@@ -72,12 +71,6 @@ TEST(StartUp, DaemonsRunOnce)
     EXPECT_TRUE(second.ok()) << second;
     EXPECT_EQ("the 'qmuxd' is already running!\n", second.err);
     EXPECT_EQ(std::to_string(first.pid), read_file(LOCK)) << "no newline, nothing of what was there";
-    struct flock lock = {};
-    lock.l_type = F_RDLCK;
-    int fd = open(LOCK.c_str(), O_RDWR | O_CLOEXEC);
-    EXPECT_EQ(0, fcntl(fd, F_GETLK, &lock));
-    close(fd);
-    EXPECT_TRUE(lock.l_type == F_WRLCK && lock.l_pid == first.pid && lock.l_start == 0 && lock.l_len == 0);
     Module tool(FRWK_MODULE_LOGTOOL, print_state), other(FRWK_MODULE_LOGTOOL);
     EXPECT_TRUE(tool.ready && other.ready);
     EXPECT_EQ("ignored blocked dies id=4 mode=3 level=0 status=0", tool.out());
@@ -86,20 +79,31 @@ TEST(StartUp, DaemonsRunOnce)
     EXPECT_TRUE(Module(FRWK_MODULE_QMUXD).ready) << "the lock goes with the process";
 }
 
-TEST(StartUp, ResetsButForTimersAndWaits)
+TEST(StartUp, IpcThatCannotStartEndsTheProcess)
 {
-    frwk_set_module_status(5);
+    write_file("/usrdata/odm/log_conf.xml", "<root><qmuxd><mode>3</mode><level>error</level></qmuxd></root>");
+    for (const std::string part : {"thread", "socket"}) {
+        fs::remove_all("/tmp/odm/ipc");
+        write_file(part == "socket" ? "/tmp/odm/ipc" : "/tmp/odm/ipc/x", "no directory");
+        const Result child = run_child([&] {
+            setvbuf(stdout, nullptr, _IONBF, 0);
+            fail_threads = part == "thread";
+            frwk_module_init(FRWK_MODULE_QMUXD, nullptr);
+        });
+        EXPECT_TRUE(child.aborted()) << child;
+        EXPECT_EQ("error|create ipc service " + part + " failed!", said(child.out).back());
+    }
+}
+
+TEST(StartUp, WaitsAndKeepsTheTimers)
+{
     trace_all();
-    EXPECT_EQ(0, frwk_ipc_init(test_handler));
     EXPECT_EQ(0, frwk_timer_init(nullptr));
     g_s_modules_info[FRWK_MODULE_LOGTOOL].delay = 700;
     const int64_t start = now_ms();
     EXPECT_EQ(0, frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr));
     EXPECT_GE(now_ms() - start + 1, 700) << "the delay";
-    EXPECT_EQ("ignored blocked dies id=4 mode=3 level=0 status=0", state());
-    int32_t result = 0;
-    EXPECT_EQ(0, frwk_ipc_send_sync(FRWK_MODULE_LOGTOOL, MSG_ECHO, nullptr, 0, nullptr, 0, 0, &result));
-    EXPECT_EQ(FRWK_ERROR_NO_HANDLER, result);
+    EXPECT_EQ("ignored blocked dies id=4 mode=3 level=0 status=0", state()) << "the level is reset";
     EXPECT_EQ(1, frwk_timer_start(1, nullptr, 100000)) << "the timers go on";
 }
 
