@@ -37,29 +37,12 @@ void by_default(int number, void *given)
     FRWK_INFO("default %d %s", number, given == &data ? "data" : "null");
 }
 
-TEST(Timer, BeforeTheServiceRuns)
+TEST(Timer, IdsAndOrder)
 {
     trace_all();
     Capture out;
     EXPECT_EQ(0, frwk_timer_cb_start(1, own, nullptr, 500));
     EXPECT_EQ(nullptr, frwk_timer_stop(1));
-    fail_threads = true;
-    EXPECT_EQ(FRWK_ERROR_THREAD, frwk_timer_init(own));
-    fail_threads = false;
-    EXPECT_EQ(0, frwk_timer_start(1, nullptr, 500));
-    EXPECT_EQ(0, frwk_timer_init(by_default)) << "may be tried again";
-    EXPECT_EQ(1, frwk_timer_start(1, nullptr, 500));
-    EXPECT_TRUE(out.wait_for("default"));
-    EXPECT_EQ(
-        Texts({"error|timer service is not started!", "error|can not found timer by id=1", "error|create thread error!",
-               "error|create timer thread failed!", "error|timer service is not started!", "info|default 1 null"}),
-        said(out.traces()));
-}
-
-TEST(Timer, IdsAndOrder)
-{
-    trace_all();
-    Capture out;
     ASSERT_EQ(0, frwk_timer_init(nullptr));
     EXPECT_EQ(0, frwk_timer_cb_start(1, own, &data, 499));
     EXPECT_EQ(0, frwk_timer_cb_start(1, own, &data, INT_MIN));
@@ -77,7 +60,8 @@ TEST(Timer, IdsAndOrder)
     }
     EXPECT_EQ("", pending());
     EXPECT_EQ(nullptr, frwk_timer_stop(3));
-    EXPECT_EQ(Texts({"error|timer(499ms) < delay(500ms)", "error|timer(-2147483648ms) < delay(500ms)",
+    EXPECT_EQ(Texts({"error|timer service is not started!", "error|can not found timer by id=1",
+                     "error|timer(499ms) < delay(500ms)", "error|timer(-2147483648ms) < delay(500ms)",
                      "error|can not found timer by id=3"}),
               said(out.traces()));
     for (int id : {INT_MAX - 1, 1}) { // 2147483647 is never given out, nor is 0
