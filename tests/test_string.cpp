@@ -51,11 +51,8 @@ TEST(String, PicksBetweenMarkers)
 TEST(Buffer, GrowsByMoreThanAsked)
 {
     using Case = std::tuple<int, int, int, int>; // bytes in use, bytes to come, size when grown as needed and always
-    const Case cases[] = {{0, 4095, 4096, 8192},
-                          {0, 4096, 12288, 12288},
-                          {0, 8192, 16384, 16384},
-                          {4095, 1, 8192, 8192},
-                          {4096, -9999, 4096, 8192}};
+    const Case cases[] = {
+        {0, 4095, 4096, 8192}, {0, 4096, 12288, 12288}, {4095, 1, 8192, 8192}, {4096, -9999, 4096, 8192}};
     for (auto [len, n, size, size_ex] : cases) {
         frwk_buffer_t bf;
         ASSERT_EQ(1, frwk_buffer_init(&bf));
