@@ -246,12 +246,6 @@ std::string raw_recv(int fd, size_t size)
     return bytes;
 }
 
-bool raw_closed(int fd)
-{
-    char byte;
-    return readable(fd) && recv(fd, &byte, 1, MSG_PEEK) <= 0;
-}
-
 std::string answer_to(const std::string &module, const std::string &request)
 {
     int fd = raw_connect(module);
@@ -340,7 +334,7 @@ Module::Module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_
         }
         char byte = 0;
         raw_send(ends[1], "+");
-        while (read(ends[1], &byte, 1) < 0) { // until a signal was not the reason to go on
+        while (read(ends[1], &byte, 1) < 0) { // again, if a signal ended it
         }
     });
     close(ends[1]);

@@ -69,7 +69,6 @@ int raw_listen(const std::string &module);       // makes the directories too
 int raw_accept(int listener);                    // -1
 bool raw_send(int fd, const std::string &bytes); // in one write
 std::string raw_recv(int fd, size_t size);       // fewer bytes at the end of the stream or a deadline
-bool raw_closed(int fd);                         // true once the peer has closed, with nothing left to read
 
 // What a module answers to the bytes of a request on a connection of its own, until it closes.
 std::string answer_to(const std::string &module, const std::string &request);
