@@ -133,7 +133,7 @@ TEST(Request, Arguments)
     EXPECT_EQ(3, frwk_ipc_send_sync(9, 7, nullptr, 1, buf, 4, 1, nullptr));
     EXPECT_EQ(3, frwk_ipc_send_sync(4, 7, buf, -1, buf, 4, 1, nullptr));
     EXPECT_EQ(3, frwk_ipc_send_sync(9, 7, buf, 4, nullptr, 1, 1, nullptr));
-    EXPECT_EQ(3, frwk_ipc_send_sync(4, 7, buf, 4, buf, INT32_MIN, 1, nullptr));
+    EXPECT_EQ(3, frwk_ipc_send_sync(4, 7, buf, 4, buf, -1, 1, nullptr));
     Texts expected = {"error|invalid module id=0", "error|invalid module id=10"};
     expected.resize(6, "error|invalid request arguments!");
     EXPECT_EQ(expected, said(out.traces()));
@@ -142,7 +142,7 @@ TEST(Request, Arguments)
 TEST(Request, Broadcasts)
 {
     ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_ATFWD_DAEMON, nullptr));
-    trace_all();
+    serve_and_trace();
     // The caller's own table decides; who does not take it is traced and skipped.
     g_s_modules_info[FRWK_MODULE_MONITOR].flags = FRWK_MODULE_FLAG_MONITOR_SERVICE;
     g_s_modules_info[FRWK_MODULE_QTI].flags = FRWK_MODULE_FLAG_SYSLOG | FRWK_MODULE_FLAG_IPC;
@@ -158,6 +158,7 @@ TEST(Request, Broadcasts)
     });
     EXPECT_EQ(connect_failed({"monitor", "dial_test", "serial_bridge", "monitor_tool", "mbimd", "qti", "qmuxd"}),
               last(14, said(out.traces())));
+    EXPECT_FALSE(contains(out.text(), "msg=70")) << "not to oneself";
 }
 
 TEST(Request, BetweenModules)
