@@ -34,6 +34,7 @@ TEST(String, PicksBetweenMarkers)
     } rows[] = {
         {"key=[value];", "[", "]", 6, 1, "value", nullptr},
         {"key=[value];", "[", "]", 5, 0, "", "frwk_str_pick: buffer not big enough(5/5)!"},
+        {"key", "", "", 0, 0, "~", "frwk_str_pick: buffer not big enough(0/3)!"},
         {"key=[value];", nullptr, ";", 16, 1, "key=[value]", nullptr},
         {"key=[value];", "", nullptr, 13, 1, "key=[value];", nullptr},
         {"a]b[c]d", "[", "]", 9, 1, "c", nullptr}, // the end counts behind the start only

@@ -109,14 +109,17 @@ TEST(Timer, Deadlines)
     using Row = std::tuple<int, double, int, int>; // delay, seconds later, timed out, seconds that remain
     const Row rows[] = {{3000, 0, 0, 3},      {3000, 0.001, 0, 2}, {3000, 2.9985, 0, 0},
                         {3000, 2.9995, 1, 0}, {3000, 4.5, 1, -1},  {INT_MAX, 0, 0, 2147483}};
+    frwk_uptime_t deadline;
     for (auto [delay, later, timeout, remain] : rows) {
-        frwk_uptime_t deadline;
         fixed_uptime = seconds(10.25);
         frwk_simple_timer_start(&deadline, delay);
         fixed_uptime = seconds(10.25 + later);
         EXPECT_EQ(timeout, frwk_simple_timer_timeout(&deadline)) << delay << " " << later;
         EXPECT_EQ(remain, frwk_simple_timer_remain(&deadline)) << delay << " " << later;
     }
+    fixed_uptime = seconds(10.7);
+    frwk_simple_timer_start(&deadline, 1300);
+    EXPECT_TRUE(deadline.sec == 12 && deadline.usec == 0);
 }
 
 } // namespace

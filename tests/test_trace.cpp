@@ -117,7 +117,7 @@ TEST(Assert, EndsTheProcessUnlessItHolds)
         ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_QMUXD, nullptr));
         frwk_debug_enable(0); // has no say in this
         for (int holds : {1, 2, -1, INT32_MIN, 0}) {
-            frwk_assert_debug(holds, "100%d != %s", "/src/file.cpp", "func", 4000000000U);
+            frwk_assert_debug(holds, holds == 0 ? "100%d != %s" : "holds", "/src/file.cpp", "func", 4000000000U);
         }
     });
     EXPECT_TRUE(failed.aborted() && failed.err == text) << failed;
