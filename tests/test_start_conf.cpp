@@ -94,6 +94,7 @@ TEST(StartConf, QueryAndLoad)
     EXPECT_EQ("0|frwk_init_app_start_cfg: frwk_xml_get_child_node monitor_service failed ",
               call([] { return frwk_init_app_start_cfg(), 0; }));
     EXPECT_STREQ("-l /dev/smd7 -r /dev/ttyHSL1", g_s_modules_info[FRWK_MODULE_SERIAL_BRIDGE].start_cmd);
+    free(g_s_modules_info[FRWK_MODULE_SERIAL_BRIDGE].start_cmd);
     put(START, "<r><serial_bridge><monitor_service/><start_cmd/></serial_bridge></r>");
     frwk_init_app_start_cfg();
     EXPECT_EQ(nullptr, g_s_modules_info[FRWK_MODULE_SERIAL_BRIDGE].start_cmd);
