@@ -57,6 +57,8 @@ TEST(XmlParse, Content)
         {"4/6@7", {"<a\nb\n=\n'\n<>\t'\n/>\n<1"}}, // lines are counted everywhere
         {"4/11@1", {"<a " + A128 + "a='1'/>"}},
         {"4/12@1", {"<a b='" + V512 + "v'/>", "<a b='" + times(512, "&amp;") + "'/>"}}, // the last is held undecoded
+        {"4/8@2", {"<a\n", "<a b='\nc"}},
+        {"4/15@1", {"<a b='&am;&x&'/>", "<a b='&x;'/>", "<a b='&#60;'/>"}},
         // declarations, directives, comments
         {"?xml'a=\"?b\"?' ?x'? ' ?x'/>' a''(?b'') ?c'd\n'", {"<?xml a=\"?b\"?\?><?x ? ?><?x/>?><a><?b?></a><?c \t d\n?>"}},
         {"!DOCTYPE'note' !D'' !E'e 'f' \n' !F'?<'", {"<!DOCTYPE note><!D><!E \n\t e 'f' \n><!F?<>"}},

@@ -50,6 +50,26 @@ TEST(XmlWrite, Layout)
     EXPECT_EQ("<a>\n  <b>\n  <c>x</c>\n  </b>\n </a>\n", buffered(doc->root, 0));
 }
 
+TEST(XmlWrite, PartsAlone)
+{
+    std::string text = "<a b='&lt;'/>";
+    Doc doc(frwk_xml_cache_parse(text.data()));
+    frwk_xml_node_t *a = frwk_xml_get_doc_root(doc.get());
+    Capture file;
+    frwk_xml_writer_t w = {0, 0, stdout};
+    frwk_xml_write_fmt(&w, 3, TAB);
+    frwk_xml_write_esc(&w, "\"&");
+    frwk_xml_write_attrs(&w, a, 0);
+    EXPECT_EQ("\t\t&quot;&amp; b=\"&lt;\"", file.text());
+    frwk_buffer_t b;
+    EXPECT_EQ(1, frwk_buffer_init(&b));
+    frwk_xml_cache_write_fmt(&b, 3, SPACES);
+    frwk_xml_cache_write_esc(&b, "\"&");
+    frwk_xml_cache_write_attrs(&b, a, RAW);
+    EXPECT_EQ("      &quot;&amp; b=\"<\"", std::string(reinterpret_cast<char *>(b.bp), static_cast<size_t>(b.len)));
+    frwk_buffer_free(&b);
+}
+
 // Texts of every length up to 300, which fills the buffer at every offset and grows it often.
 TEST(XmlSave, ReplacesTheFile)
 {
