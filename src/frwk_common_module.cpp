@@ -61,7 +61,7 @@ static void clear_slot(frwk_smt_t *smt)
 {
     smt->sid = 0;
     smt->cb.store(nullptr, std::memory_order_relaxed);
-    smt->newest.store(nullptr, std::memory_order_relaxed);
+    smt->queue.store(nullptr, std::memory_order_relaxed);
     memset(&smt->sem, 0, sizeof smt->sem);
 }
 

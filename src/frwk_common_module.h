@@ -5,7 +5,6 @@
 #define FRWK_COMMON_MODULE_H
 
 #include <atomic>
-#include <pthread.h>
 #include <semaphore.h>
 #include <stdint.h>
 
@@ -21,7 +20,7 @@
 struct frwk_smt_t {
     uint32_t sid;
     std::atomic<frwk_submodule_cb_t> cb; /* stored last: a slot is in use exactly when it is set */
-    std::atomic<frwk_list_t *> newest;   /* pending messages, chained to the oldest */
+    std::atomic<frwk_list_t *> queue;    /* pending messages, newest first */
     sem_t sem;                           /* wakes the slot's thread */
 };
 

@@ -27,18 +27,18 @@ static_assert(offsetof(frwk_submodule_msg_t, to) == 2 * sizeof(void *) &&
 /* Appends a message; true when the queue was empty before. */
 static bool frwk_smt_push(frwk_smt_t *smt, frwk_submodule_msg_t *msg)
 {
-    frwk_list_t *newest = smt->newest.load(std::memory_order_relaxed);
+    frwk_list_t *newest = smt->queue.load(std::memory_order_relaxed);
     do {
         msg->node.next = newest;
     } while (
-        !smt->newest.compare_exchange_weak(newest, &msg->node, std::memory_order_release, std::memory_order_relaxed));
+        !smt->queue.compare_exchange_weak(newest, &msg->node, std::memory_order_release, std::memory_order_relaxed));
     return newest == nullptr;
 }
 
 /* Takes all pending messages: a chain, oldest first, or null. */
 static frwk_list_t *take_pending(frwk_smt_t *smt)
 {
-    frwk_list_t *newest = smt->newest.exchange(nullptr, std::memory_order_acquire);
+    frwk_list_t *newest = smt->queue.exchange(nullptr, std::memory_order_acquire);
     frwk_list_t *oldest = nullptr;
     while (newest != nullptr) {
         frwk_list_t *older = newest->next;
@@ -92,7 +92,7 @@ void frwk_submodule_create(uint32_t sid, frwk_submodule_cb_t cb)
     frwk_smt_t *smt = &g_s_module_ctx.smt[sid];
     FRWK_ASSERT(NULL == smt->cb);
     smt->sid = sid;
-    smt->newest.store(nullptr, std::memory_order_relaxed);
+    smt->queue.store(nullptr, std::memory_order_relaxed);
     frwk_sem_create(&smt->sem);
     smt->cb.store(cb, std::memory_order_release);
     pthread_t tid = frwk_thread_create(frwk_submodule_main, smt);
