@@ -428,12 +428,12 @@ static bool is_name_char(char c)
 
 static uint32_t count_lines(const char *text, size_t n)
 {
-    enum { HALF = 240 }; /* fits the counters, and vector registers; two at a time keep the processor busy */
+    constexpr size_t HALF = 240; /* fits the counters, and vector registers; two at a time keep the processor busy */
     uint32_t lines = 0;
     for (; n >= 2 * HALF; n -= 2 * HALF, text += 2 * HALF) {
         uint8_t first = 0;
         uint8_t second = 0;
-        for (int i = 0; i < HALF; i++) {
+        for (size_t i = 0; i < HALF; i++) {
             first = static_cast<uint8_t>(first + (text[i] == '\n' ? 1 : 0));
             second = static_cast<uint8_t>(second + (text[i + HALF] == '\n' ? 1 : 0));
         }
@@ -680,7 +680,7 @@ static char *copy_run(frwk_xml_doc_t *doc, const char *end, char *out)
  * Returns the end of what was stored, null on an error. A reference is open from its "&" up to a ";"; one that is still
  * open at the end stays.
  */
-static char *decode_text(frwk_xml_doc_t *doc, char *end, char *out)
+static char *decode_text(frwk_xml_doc_t *doc, const char *end, char *out)
 {
     while (doc->cursor < end) {
         size_t left = static_cast<size_t>(end - doc->cursor);

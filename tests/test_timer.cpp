@@ -41,6 +41,7 @@ TEST(Timer, IdsAndOrder)
 {
     trace_all();
     Capture out;
+    EXPECT_EQ(0, frwk_timer_cb_start(1, own, nullptr, 499));
     EXPECT_EQ(0, frwk_timer_cb_start(1, own, nullptr, 500));
     EXPECT_EQ(nullptr, frwk_timer_stop(1));
     ASSERT_EQ(0, frwk_timer_init(nullptr));
@@ -60,15 +61,22 @@ TEST(Timer, IdsAndOrder)
     }
     EXPECT_EQ("", pending());
     EXPECT_EQ(nullptr, frwk_timer_stop(3));
-    EXPECT_EQ(Texts({"error|timer service is not started!", "error|can not found timer by id=1",
-                     "error|timer(499ms) < delay(500ms)", "error|timer(-2147483648ms) < delay(500ms)",
-                     "error|can not found timer by id=3"}),
+    EXPECT_EQ(Texts({"error|timer(499ms) < delay(500ms)", "error|timer service is not started!",
+                     "error|can not found timer by id=1", "error|timer(499ms) < delay(500ms)",
+                     "error|timer(-2147483648ms) < delay(500ms)", "error|can not found timer by id=3"}),
               said(out.traces()));
     for (int id : {INT_MAX - 1, 1}) { // 2147483647 is never given out, nor is 0
         g_s_timer_ctrl.next_id = id == 1 ? INT_MAX : id;
         EXPECT_EQ(id, frwk_timer_start(id, nullptr, INT_MAX));
         EXPECT_EQ(nullptr, frwk_timer_stop(id));
     }
+    int late, early;
+    for (int *given : {&late, &early}) { // ids that repeat: the first in the list is meant
+        g_s_timer_ctrl.next_id = 7;
+        EXPECT_EQ(7, frwk_timer_start(1, given, given == &late ? 90000 : 80000));
+    }
+    EXPECT_EQ(&early, frwk_timer_stop(7));
+    EXPECT_EQ(&late, frwk_timer_stop(7));
 }
 
 // Callbacks start and stop timers too; a timer that is just fired is unknown by then.
