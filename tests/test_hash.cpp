@@ -42,6 +42,7 @@ TEST(hash, values)
     frwk_hash_entry_t *entry = frwk_hash_enter(handle, "k", frwk_hash_value_string(nullptr, 1));
     EXPECT_EQ(entry, frwk_hash_enter(handle, shown(entry->key).c_str(), entry->value)); // over itself
     EXPECT_EQ("", shown(entry->value));
+    EXPECT_TRUE(frwk_hash_next(handle, nullptr) == entry && frwk_hash_next(handle, entry) == nullptr);
     const auto fields = [](const frwk_hash_value_t &v) { return v.type * 100 + v.valid * 10 + v.need_free; };
     EXPECT_TRUE(fields(entry->key) == 1211 && fields(entry->value) == 1211);
     EXPECT_EQ(1210, fields(frwk_hash_value_string("", 0)));

@@ -55,6 +55,7 @@ TEST(Service, Requests)
     Module silent(FRWK_MODULE_QTI); // no control callback
     Lines lines{module};
     EXPECT_EQ(DONE, answer_to("qti", words({2, 0, 0, 0, 0, 0})));
+    EXPECT_EQ(-7, frwk_ipc_timeout(-7));
     const std::string zeros(3, '\0'), missing = "error|FRWK_MSG_SYS_LOG req is NULL",
                                       note = "debug|new log level is 8 debug mode is 3";
     const struct {

@@ -75,6 +75,10 @@ TEST(Timer, IdsAndOrder)
         g_s_timer_ctrl.next_id = 7;
         EXPECT_EQ(7, frwk_timer_start(1, given, given == &late ? 90000 : 80000));
     }
+    EXPECT_EQ(8, frwk_timer_start(8, &data, 90000));
+    g_s_timer_ctrl.next_id = 8 + 0x10000;
+    EXPECT_EQ(8 + 0x10000, frwk_timer_start(8, &late, 90000));
+    EXPECT_EQ(&data, frwk_timer_stop(8));
     EXPECT_EQ(&early, frwk_timer_stop(7));
     EXPECT_EQ(&late, frwk_timer_stop(7));
 }

@@ -44,12 +44,16 @@ TEST(XmlModel, SetsAndFindsElements)
 TEST(XmlModel, RefusalsAreTraced)
 {
     Doc doc(frwk_xml_alloc_doc());
+    frwk_xml_doc_t bare = {};
     EXPECT_EQ(
         (Texts{"frwk_xml_get_doc_root: xml doc is null!", "frwk_xml_get_doc_root: can't found root node from xml doc!",
-               "frwk_xml_get_child_node: parent node is null!", "frwk_xml_get_child_node: child node name is null!",
-               "frwk_xml_set_node_value: xml node is null!", "frwk_xml_set_node_append: Parameter is null!"}),
+               "frwk_xml_get_doc_root: xml doc root node is null!", "frwk_xml_get_child_node: parent node is null!",
+               "frwk_xml_get_child_node: child node name is null!", "frwk_xml_set_node_value: xml node is null!",
+               "frwk_xml_set_node_append: Parameter is null!"}),
         said([&] {
             EXPECT_TRUE(!frwk_xml_get_doc_root(nullptr) && !frwk_xml_get_doc_root(doc.get()));
+            EXPECT_TRUE(!frwk_xml_get_doc_root(&bare) && !frwk_xml_get_node_value(nullptr));
+            EXPECT_STREQ("", frwk_xml_get_attr_value(nullptr, "x"));
             EXPECT_EQ(nullptr, frwk_xml_get_child_node(nullptr, nullptr));
             EXPECT_EQ(nullptr, frwk_xml_get_child_node(doc->root, nullptr));
             EXPECT_EQ(3, frwk_xml_set_node_value(nullptr, "x"));

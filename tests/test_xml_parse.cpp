@@ -38,7 +38,7 @@ TEST(XmlParse, Content)
         {"4/6@1", {"<a=b/>", "<a<", "<1/>", "<_a/>", "<\xe4/>", "<\v", "<![CDATA[x]]>", "<! D>", "<!-x", "<? x?>", "<?"}},
         {"4/7@1", {"<a?", "<a 1='x'/>", "<a =''/>"}},
         {"4/8@1", {"<a/b>", "<a ", "<a b=1/>", "<a b/>", "<a b c='1'/>", "<a b.c='1'/>", "<a b", "<a b="}},
-        {"4/10@1", {"<a", "<" + A127 + "a/>", "<" + A127 + "aaaaa=", "<?" + A128 + "?>", "<!D"}},
+        {"4/10@1", {"<a", "<" + A127 + "a/>", "<" + A127 + "aaaaa=", "<?" + A128 + "?>", "<!D", "<a></" + A128 + ">"}},
         {"4/13@1", {"<a></b>", "<a></ab>", "<ab></a>", "<a></a >", "<a></ a>", "</a>", "</>", "<a></a", "<a></"}},
         {"4/13@2", {"<a / \n/\t></a>", "<?xml a\n?"}}, // closed before its end tag
         {"4/14@3", {"<a\n/\n", "<a>te\nxt\n", "<a>te\n&xt\n"}},
@@ -78,6 +78,12 @@ TEST(XmlParse, Content)
     std::string text = "<a b='&amp;&x'>&lt;&foo;</a>";
     frwk_xml_free_doc(frwk_xml_cache_parse(text.data()));
     EXPECT_STREQ("<a b='&amp&&x'>&lt<&foo;</a>", text.c_str()); // the text shows what was decoded
+    std::string tag = "a b='1'>x</a>rest";
+    Doc doc(frwk_xml_alloc_doc());
+    doc->cursor = tag.data();
+    frwk_xml_read_tag(doc.get(), doc->root, 0);
+    EXPECT_STREQ("rest", doc->cursor);
+    EXPECT_TRUE(doc->status == 0 && std::string("a") == doc->root->name && std::string("x") == doc->root->value);
 }
 
 // clang-format on

@@ -59,12 +59,14 @@ TEST(XmlWrite, PartsAlone)
     frwk_xml_writer_t w = {0, 0, stdout};
     frwk_xml_write_fmt(&w, 3, TAB);
     frwk_xml_write_esc(&w, "\"&");
+    frwk_xml_write_esc(&w, nullptr);
     frwk_xml_write_attrs(&w, a, 0);
     EXPECT_EQ("\t\t&quot;&amp; b=\"&lt;\"", file.text());
     frwk_buffer_t b;
     EXPECT_EQ(1, frwk_buffer_init(&b));
     frwk_xml_cache_write_fmt(&b, 3, SPACES);
     frwk_xml_cache_write_esc(&b, "\"&");
+    frwk_xml_cache_write_esc(&b, nullptr);
     frwk_xml_cache_write_attrs(&b, a, RAW);
     EXPECT_EQ("      &quot;&amp; b=\"<\"", std::string(reinterpret_cast<char *>(b.bp), static_cast<size_t>(b.len)));
     frwk_buffer_free(&b);
