@@ -201,9 +201,24 @@ inline void print_header(const char *title)
     fflush(report());
 }
 
-// Measures one operation and prints its rows.
+// Runs one contender alone, so that a profiler sees nothing else.
+inline void run_alone(const Operation &operation, const std::string &name)
+{
+    for (const Contender &contender : operation.contenders) {
+        size_t n = contender.name == name ? batch_size(contender, operation.step) : 0;
+        for (int round = 0; n > 0 && round < 10 * operation.rounds; round++) {
+            contender.batch(n);
+        }
+    }
+}
+
+// Measures one operation and prints its rows. With BENCH_ONLY set to a contender's name, runs that one and prints none.
 inline void run(const Operation &operation)
 {
+    if (const char *only = getenv("BENCH_ONLY")) {
+        run_alone(operation, only);
+        return;
+    }
     std::vector<Figures> figures = measure(operation);
     for (size_t i = 0; i < figures.size(); i++) {
         const Figures &row = figures[i];
