@@ -44,6 +44,11 @@ TEST(StartConf, Changes)
         {nullptr, [] { return frwk_get_app_monitor_conf(~0U); }, "0|" + GET + ": invalid module id=-1", ""},
     });
     // clang-format on
+    std::filesystem::remove_all("/usrdata/odm"); // a place where no file can be made
+    write_file("/usrdata/odm", "");
+    EXPECT_EQ("-1|frwk_init_app_start_cfg_file: save start config file fialed! from '" + START +
+                  "'|frwk_set_app_start_cmd: frwk_init_app_start_cfg_file failed!",
+              call(set(3, "y")));
 }
 
 TEST(StartConf, MonitorIsTold)
