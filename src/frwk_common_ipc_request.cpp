@@ -14,8 +14,12 @@
 
 enum { NOTIFY_TIMEOUT_S = 3, STATUS_TIMEOUT_S = 3 };
 
+/* Traces in the name of the public call, which says more to its caller than the step that failed. */
+#define CALL_ERR(call, ...) frwk_trace_print(__FILE__, call, __LINE__, FRWK_TRACE_ERROR, __VA_ARGS__)
+
 /* What a request holds while it waits. */
 struct exchange_t {
+    const char *call;
     int fd;
     uint8_t *frame;
 };
@@ -31,12 +35,12 @@ static void end_exchange(void *arg)
 }
 
 /* The request frame, one heap block; null when memory is short. */
-static uint8_t *new_frame(const frwk_ipc_reqhdr_t &hdr, const void *data)
+static uint8_t *new_frame(const char *call, const frwk_ipc_reqhdr_t &hdr, const void *data)
 {
     size_t size = static_cast<size_t>(hdr.msg_len);
     uint8_t *frame = static_cast<uint8_t *>(malloc(sizeof hdr + size));
     if (frame == nullptr) {
-        FRWK_ERR("alloc failed for ipc req!");
+        CALL_ERR(call, "alloc failed for ipc req!");
         return nullptr;
     }
     memcpy(frame, &hdr, sizeof hdr);
@@ -49,12 +53,12 @@ static int send_frame(exchange_t *exchange, uint32_t to, int32_t body_len)
 {
     exchange->fd = frwk_ipc_connect(to);
     if (exchange->fd < 0) {
-        FRWK_ERR("ipc connect to module [%s] failed!", frwk_module_label(to));
+        CALL_ERR(exchange->call, "ipc connect to module [%s] failed!", frwk_module_label(to));
         return FRWK_ERROR_NO_MODULE;
     }
     if (!frwk_ipc_write_all(&exchange->fd, exchange->frame, sizeof(frwk_ipc_reqhdr_t) + static_cast<size_t>(body_len),
                             0)) {
-        FRWK_ERR("ipc send req msg failed!");
+        CALL_ERR(exchange->call, "ipc send req msg failed!");
         return FRWK_ERROR_SEND;
     }
     return FRWK_ERROR_SUCCESS;
@@ -78,11 +82,11 @@ static ssize_t read_socket(int fd, void *buf, size_t size)
 }
 
 /* Reads the header and at most `most` bytes of data; the number of those, -1 when the header did not come whole. */
-static int32_t read_header(int fd, response_t *response, int32_t most)
+static int32_t read_header(const exchange_t &exchange, response_t *response, int32_t most)
 {
-    ssize_t got = read_socket(fd, response, sizeof response->hdr + static_cast<size_t>(most));
+    ssize_t got = read_socket(exchange.fd, response, sizeof response->hdr + static_cast<size_t>(most));
     if (got < static_cast<ssize_t>(sizeof response->hdr)) {
-        FRWK_ERR("ipc recv rsp header failed!");
+        CALL_ERR(exchange.call, "ipc recv rsp header failed!");
         return -1;
     }
     return static_cast<int32_t>(got - static_cast<ssize_t>(sizeof response->hdr));
@@ -101,19 +105,19 @@ static bool read_data(int fd, uint8_t *rsp, int32_t rsp_size, int32_t have, int3
     return have == announced;
 }
 
-static int read_response(int fd, uint8_t *rsp, int32_t rspsize, int32_t *result)
+static int read_response(const exchange_t &exchange, uint8_t *rsp, int32_t rspsize, int32_t *result)
 {
     response_t response;
-    int32_t have = read_header(fd, &response, rspsize <= SMALL_RSP ? rspsize : 0);
+    int32_t have = read_header(exchange, &response, rspsize <= SMALL_RSP ? rspsize : 0);
     if (have < 0) {
         return FRWK_ERROR_RECV;
     }
     const frwk_ipc_rsphdr_t &rsphdr = response.hdr;
     if (rsphdr.msg_len > 0) {
-        FRWK_ASSERT(rsphdr.msg_len <= rspsize);
+        frwk_assert_debug(rsphdr.msg_len <= rspsize, "rsphdr.msg_len <= rspsize", __FILE__, exchange.call, __LINE__);
         memcpy_s(rsp, static_cast<size_t>(rspsize), response.data, static_cast<size_t>(have));
-        if (!read_data(fd, rsp, rspsize, have, rsphdr.msg_len)) {
-            FRWK_ERR("ipc recv rsp data failed!");
+        if (!read_data(exchange.fd, rsp, rspsize, have, rsphdr.msg_len)) {
+            CALL_ERR(exchange.call, "ipc recv rsp data failed!");
             return FRWK_ERROR_RECV;
         }
     }
@@ -124,14 +128,15 @@ static int read_response(int fd, uint8_t *rsp, int32_t rspsize, int32_t *result)
 }
 
 /* The checks that every request begins with. */
-static int check_request(uint32_t to, const void *req, int32_t req_len, const void *rsp, int32_t rsp_size)
+static int check_request(const char *call, uint32_t to, const void *req, int32_t req_len, const void *rsp,
+                         int32_t rsp_size)
 {
     if (!frwk_module_valid(to)) {
-        FRWK_ERR("invalid module id=%d", static_cast<int>(to));
+        CALL_ERR(call, "invalid module id=%d", static_cast<int>(to));
         return FRWK_ERROR_NO_MODULE;
     }
     if (req_len < 0 || rsp_size < 0 || (req_len != 0 && req == nullptr) || (rsp_size != 0 && rsp == nullptr)) {
-        FRWK_ERR("invalid request arguments!");
+        CALL_ERR(call, "invalid request arguments!");
         return FRWK_ERROR_INVALID_PARAM;
     }
     return FRWK_ERROR_SUCCESS;
@@ -140,7 +145,7 @@ static int check_request(uint32_t to, const void *req, int32_t req_len, const vo
 int frwk_ipc_send_sync(uint32_t to, uint32_t msg, const void *req, int32_t req_len, void *rsp, int32_t rsp_size,
                        uint32_t timeout, int32_t *result)
 {
-    int rc = check_request(to, req, req_len, rsp, rsp_size);
+    int rc = check_request(__func__, to, req, req_len, rsp, rsp_size);
     if (rc != FRWK_ERROR_SUCCESS) {
         return rc;
     }
@@ -153,14 +158,15 @@ int frwk_ipc_send_sync(uint32_t to, uint32_t msg, const void *req, int32_t req_l
         }
         return FRWK_ERROR_SUCCESS;
     }
-    exchange_t exchange = {-1, new_frame({frwk_module_own_id(), msg, 0, timeout, rsp_size, req_len}, req)};
+    exchange_t exchange = {__func__, -1,
+                           new_frame(__func__, {frwk_module_own_id(), msg, 0, timeout, rsp_size, req_len}, req)};
     if (exchange.frame == nullptr) {
         return FRWK_ERROR_NO_MEMORY;
     }
     pthread_cleanup_push(end_exchange, &exchange);
     rc = send_frame(&exchange, to, req_len);
     if (rc == FRWK_ERROR_SUCCESS) {
-        rc = read_response(exchange.fd, rsp_bytes, rsp_size, result);
+        rc = read_response(exchange, rsp_bytes, rsp_size, result);
     }
     pthread_cleanup_pop(1);
     return rc;
@@ -168,14 +174,14 @@ int frwk_ipc_send_sync(uint32_t to, uint32_t msg, const void *req, int32_t req_l
 
 int frwk_ipc_send_async(uint32_t to, uint32_t msg, const void *data, int32_t len, uint32_t timeout)
 {
-    int rc = check_request(to, data, len, nullptr, 0);
+    int rc = check_request(__func__, to, data, len, nullptr, 0);
     if (rc != FRWK_ERROR_SUCCESS) {
         return rc;
     }
     if (to == frwk_module_own_id()) {
         return frwk_msg_handle_aync(to, msg, data, len, timeout);
     }
-    exchange_t exchange = {-1, new_frame({frwk_module_own_id(), msg, 1, timeout, 0, len}, data)};
+    exchange_t exchange = {__func__, -1, new_frame(__func__, {frwk_module_own_id(), msg, 1, timeout, 0, len}, data)};
     if (exchange.frame == nullptr) {
         return FRWK_ERROR_NO_MEMORY;
     }
@@ -183,7 +189,7 @@ int frwk_ipc_send_async(uint32_t to, uint32_t msg, const void *data, int32_t len
     rc = send_frame(&exchange, to, len);
     if (rc == FRWK_ERROR_SUCCESS) {
         response_t acknowledgement;
-        rc = read_header(exchange.fd, &acknowledgement, 0) == 0 ? FRWK_ERROR_SUCCESS : FRWK_ERROR_RECV;
+        rc = read_header(exchange, &acknowledgement, 0) == 0 ? FRWK_ERROR_SUCCESS : FRWK_ERROR_RECV;
     }
     pthread_cleanup_pop(1);
     return rc == FRWK_ERROR_SUCCESS ? FRWK_ERROR_ASYNC : rc;

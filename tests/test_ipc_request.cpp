@@ -137,6 +137,8 @@ TEST(Request, Arguments)
     Texts expected = {"error|invalid module id=0", "error|invalid module id=10"};
     expected.resize(6, "error|invalid request arguments!");
     EXPECT_EQ(expected, said(out.traces()));
+    EXPECT_EQ("frwk_ipc_send_sync", out.traces()[0].func) << "the call, not the step";
+    EXPECT_EQ("frwk_ipc_send_async", out.traces()[1].func);
 }
 
 TEST(Request, Broadcasts)
