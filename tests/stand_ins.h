@@ -123,7 +123,7 @@ inline void expect_assertion(const frwk_test::Result &child, const std::string &
 }
 
 // What the stand-ins do. Times are nanoseconds; negative: as the real call.
-inline std::atomic<bool> fail_threads{false};
+inline std::atomic<int> fail_threads{0};         // how many of the next ones cannot be started
 inline std::atomic<int> thread_sched_policy{-1}; // of the attributes of the last thread
 inline std::atomic<int> thread_detach_state{-1};
 inline std::atomic<int64_t> fixed_uptime{-1};
@@ -149,7 +149,7 @@ int pthread_create(pthread_t *tid, const pthread_attr_t *attr, void *(*start)(vo
         thread_detach_state = value;
     }
     static const auto real = REAL(pthread_create);
-    return fail_threads ? EAGAIN : real(tid, attr, start, arg);
+    return fail_threads > 0 && fail_threads-- > 0 ? EAGAIN : real(tid, attr, start, arg);
 }
 
 int clock_gettime(clockid_t clock, timespec *now) noexcept

@@ -194,10 +194,16 @@ void fill_and_free(const Module &module)
 
 TEST(Service, TwentyOneAtOnceAndNoSlotIsLost)
 {
-    Module module(FRWK_MODULE_QMUXD, serve_and_trace);
+    Module module(FRWK_MODULE_QMUXD, serve_and_trace, [](uint32_t) { fail_threads = 1; });
     const int fds = count_fds(module.pid);
     fill_and_free(module);
     EXPECT_TRUE(idle(module, fds));
+    for (int i = 0; i < 22; i++) {
+        EXPECT_EQ(DONE, answer_to("qmuxd", words({2, 0, 0, 0, 0, 0}))); // the next thread cannot be started
+        int fd = raw_connect("qmuxd");
+        EXPECT_EQ("", raw_recv(fd, 1));
+        close(fd);
+    }
     std::vector<std::future<void>> peers(4);
     for (auto &peer : peers) {
         peer = std::async(std::launch::async, [] {
