@@ -54,7 +54,8 @@ typedef struct {
  * @param msg       message id
  * @param req       body, valid during the call; null when a request from another process has none
  * @param req_len   bytes in `req`
- * @param rsp       response buffer, zero-filled; may be null when `rsp_size` is 0
+ * @param rsp       response buffer, zero-filled, but for a request to oneself the caller's own as it is; may be null
+ *                  when `rsp_size` is 0
  * @param rsp_size  bytes in `rsp`; all of them are sent
  * @param timeout   the sender's timeout in seconds, passed on unchanged
  * @return a result for the sender; dropped for asynchronous requests

@@ -8,10 +8,17 @@
 #include <stdint.h>
 
 #include "frwk_ipc.h"
+#include "frwk_trace.h"
 
 enum {
     IPC_PATH_SIZE = 256 /* room for the path of a socket */
 };
+
+/*
+ * An error traced in the name of the routine that a helper works for: it tells a reader of the log what was being done,
+ * and stays when helpers come and go.
+ */
+#define IPC_ERR(routine, ...) frwk_trace_print(__FILE__, routine, __LINE__, FRWK_TRACE_ERROR, __VA_ARGS__)
 
 /* Writes the path of a module's socket into path, IPC_PATH_SIZE bytes; returns path. */
 char *frwk_ipc_sock_path(uint32_t id, char *path);

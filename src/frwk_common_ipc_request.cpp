@@ -14,9 +14,6 @@
 
 enum { NOTIFY_TIMEOUT_S = 3, STATUS_TIMEOUT_S = 3 };
 
-/* Traces in the name of the public call, which says more to its caller than the step that failed. */
-#define CALL_ERR(call, ...) frwk_trace_print(__FILE__, call, __LINE__, FRWK_TRACE_ERROR, __VA_ARGS__)
-
 /* What a request holds while it waits. */
 struct exchange_t {
     const char *call;
@@ -40,7 +37,7 @@ static uint8_t *new_frame(const char *call, const frwk_ipc_reqhdr_t &hdr, const 
     size_t size = static_cast<size_t>(hdr.msg_len);
     uint8_t *frame = static_cast<uint8_t *>(malloc(sizeof hdr + size));
     if (frame == nullptr) {
-        CALL_ERR(call, "alloc failed for ipc req!");
+        IPC_ERR(call, "alloc failed for ipc req!");
         return nullptr;
     }
     memcpy(frame, &hdr, sizeof hdr);
@@ -53,12 +50,12 @@ static int send_frame(exchange_t *exchange, uint32_t to, int32_t body_len)
 {
     exchange->fd = frwk_ipc_connect(to);
     if (exchange->fd < 0) {
-        CALL_ERR(exchange->call, "ipc connect to module [%s] failed!", frwk_module_label(to));
+        IPC_ERR(exchange->call, "ipc connect to module [%s] failed!", frwk_module_label(to));
         return FRWK_ERROR_NO_MODULE;
     }
     if (!frwk_ipc_write_all(&exchange->fd, exchange->frame, sizeof(frwk_ipc_reqhdr_t) + static_cast<size_t>(body_len),
                             0)) {
-        CALL_ERR(exchange->call, "ipc send req msg failed!");
+        IPC_ERR(exchange->call, "ipc send req msg failed!");
         return FRWK_ERROR_SEND;
     }
     return FRWK_ERROR_SUCCESS;
@@ -86,7 +83,7 @@ static int32_t read_header(const exchange_t &exchange, response_t *response, int
 {
     ssize_t got = read_socket(exchange.fd, response, sizeof response->hdr + static_cast<size_t>(most));
     if (got < static_cast<ssize_t>(sizeof response->hdr)) {
-        CALL_ERR(exchange.call, "ipc recv rsp header failed!");
+        IPC_ERR(exchange.call, "ipc recv rsp header failed!");
         return -1;
     }
     return static_cast<int32_t>(got - static_cast<ssize_t>(sizeof response->hdr));
@@ -117,7 +114,7 @@ static int read_response(const exchange_t &exchange, uint8_t *rsp, int32_t rspsi
         frwk_assert_debug(rsphdr.msg_len <= rspsize, "rsphdr.msg_len <= rspsize", __FILE__, exchange.call, __LINE__);
         memcpy_s(rsp, static_cast<size_t>(rspsize), response.data, static_cast<size_t>(have));
         if (!read_data(exchange.fd, rsp, rspsize, have, rsphdr.msg_len)) {
-            CALL_ERR(exchange.call, "ipc recv rsp data failed!");
+            IPC_ERR(exchange.call, "ipc recv rsp data failed!");
             return FRWK_ERROR_RECV;
         }
     }
@@ -132,11 +129,11 @@ static int check_request(const char *call, uint32_t to, const void *req, int32_t
                          int32_t rsp_size)
 {
     if (!frwk_module_valid(to)) {
-        CALL_ERR(call, "invalid module id=%d", static_cast<int>(to));
+        IPC_ERR(call, "invalid module id=%d", static_cast<int>(to));
         return FRWK_ERROR_NO_MODULE;
     }
     if (req_len < 0 || rsp_size < 0 || (req_len != 0 && req == nullptr) || (rsp_size != 0 && rsp == nullptr)) {
-        CALL_ERR(call, "invalid request arguments!");
+        IPC_ERR(call, "invalid request arguments!");
         return FRWK_ERROR_INVALID_PARAM;
     }
     return FRWK_ERROR_SUCCESS;

@@ -49,13 +49,14 @@ static void set_trace(const uint8_t *req, int32_t req_len)
 {
     int32_t words[2]; /* debug mode, level */
     if (req == nullptr || req_len < static_cast<int32_t>(sizeof words)) {
-        FRWK_ERR("FRWK_MSG_SYS_LOG req is NULL");
+        IPC_ERR("frwk_msg_handle", "FRWK_MSG_SYS_LOG req is NULL");
         return;
     }
     memcpy(words, req, sizeof words);
     g_s_module_ctx.level.store(words[1], std::memory_order_relaxed);
     g_s_module_ctx.debug_mode.store(words[0], std::memory_order_relaxed);
-    FRWK_DBG("new log level is %d debug mode is %d", words[1], words[0]);
+    frwk_trace_print(__FILE__, "frwk_msg_handle", __LINE__, FRWK_TRACE_DEBUG, "new log level is %d debug mode is %d",
+                     words[1], words[0]);
 }
 
 static int32_t give_status(uint8_t *rsp, int32_t rsp_size)
@@ -218,7 +219,7 @@ static bool receive_large_body(connection_t *conn, const request_t *request, int
 {
     int32_t len = request->hdr.msg_len;
     if (!make_block(&conn->body, static_cast<size_t>(len))) {
-        FRWK_ERR("alloc for ipc recv body error!");
+        IPC_ERR("frwk_ipc_handle", "alloc for ipc recv body error!");
         return false;
     }
     uint8_t *body = conn->body.bytes;
@@ -227,7 +228,7 @@ static bool receive_large_body(connection_t *conn, const request_t *request, int
     /* Only a body of which nothing came yet is waited for. */
     int32_t got = have > 0 ? frwk_ipc_recv_rest(conn->fd, body + have, rest) : frwk_ipc_recv(conn->fd, body, rest);
     if (got != rest) {
-        FRWK_ERR("ipc recv body error!");
+        IPC_ERR("frwk_ipc_handle", "ipc recv body error!");
         return false;
     }
     return true;
@@ -237,7 +238,7 @@ static bool receive_large_body(connection_t *conn, const request_t *request, int
 static bool answer(const connection_t *conn, const uint8_t *frame, size_t len, const char *failure)
 {
     if (!frwk_ipc_write_all(&conn->fd, frame, len, SEND_PATIENCE_S)) {
-        FRWK_ERR("%s", failure);
+        IPC_ERR("frwk_ipc_handle", "%s", failure);
         return false;
     }
     return true;
@@ -254,7 +255,7 @@ static void dispatch(connection_t *conn, const frwk_ipc_reqhdr_t &hdr, const uin
     } else if (make_block(&conn->rsp, rsp_len)) {
         rsp = conn->rsp.bytes;
     } else {
-        FRWK_ERR("alloc for ipc rsp error!");
+        IPC_ERR("frwk_ipc_handle", "alloc for ipc rsp error!");
         return;
     }
     if (hdr.async != 0 && !answer(conn, rsp, rsp_len, "ipc send async response error!")) {
@@ -306,7 +307,7 @@ static void *connection_main(void *arg)
 static void report_accept_error()
 {
     int cause = errno;
-    FRWK_ERR("%s, errno=%d, cause: %s", "ipc accept error", cause, strerror(cause));
+    IPC_ERR("frwk_ipc_service", "%s, errno=%d, cause: %s", "ipc accept error", cause, strerror(cause));
     if (cause == EMFILE || cause == ENFILE) {
         frwk_sleep(NO_DESCRIPTOR_PAUSE_MS); /* the connection stays queued: do not spin on it */
     }
@@ -318,7 +319,7 @@ static void start_connection(int accepted)
     unique_fd fd(accepted);
     int32_t busy = g_s_module_ctx.ipc_threads.load(std::memory_order_relaxed);
     if (busy > MAX_BUSY_THREADS) {
-        FRWK_ERR("handle thread too many... num is %d\n", busy);
+        IPC_ERR("frwk_ipc_service", "handle thread too many... num is %d\n", busy);
         return;
     }
     /* Reserved here, by the one thread that adds, and given back by the connection's own: never more than the limit. */
@@ -326,7 +327,7 @@ static void start_connection(int accepted)
     /* The socket itself is the thread's argument: nothing to allocate, nothing to free. */
     void *handle = reinterpret_cast<void *>(static_cast<intptr_t>(accepted));
     if (frwk_thread_create(connection_main, handle) == FRWK_THREAD_INVALID) {
-        FRWK_ERR("create thread for accept handle error!");
+        IPC_ERR("frwk_ipc_service", "create thread for accept handle error!");
         g_s_module_ctx.ipc_threads.fetch_sub(1, std::memory_order_relaxed);
         return;
     }

@@ -114,17 +114,17 @@ int32_t frwk_ipc_recv_some(int fd, void *buf, int32_t least, int32_t most)
         struct pollfd waited = {fd, POLLIN, 0};
         int ready = poll(&waited, 1, RECV_TIMEOUT_MS);
         if (ready == 0) {
-            FRWK_WARN("select recv timeout!");
+            frwk_trace_print(__FILE__, "frwk_ipc_recv", __LINE__, FRWK_TRACE_WARNING, "select recv timeout!");
             return 0;
         }
         if (ready < 0) {
-            FRWK_ERR("select recv error!");
+            IPC_ERR("frwk_ipc_recv", "select recv error!");
             return ready;
         }
         got = take_arrived(fd, buf, most);
     }
     if (got < least) {
-        FRWK_ERR("socket recv size error!");
+        IPC_ERR("frwk_ipc_recv", "socket recv size error!");
     }
     return got;
 }
@@ -138,7 +138,7 @@ int32_t frwk_ipc_recv_rest(int fd, void *buf, int32_t len)
 {
     int32_t got = take_arrived(fd, buf, len);
     if (got != len) {
-        FRWK_ERR("socket recv size error!");
+        IPC_ERR("frwk_ipc_recv", "socket recv size error!");
     }
     return got;
 }

@@ -182,8 +182,9 @@ TEST(Request, ToOneself)
     EXPECT_EQ(13, result);
     EXPECT_EQ(FRWK_ERROR_INVALID_PARAM, frwk_ipc_init(nullptr));
     EXPECT_EQ(0, frwk_ipc_init(test_handler));
-    char data[] = "12", rsp[1];
+    char data[] = "12", rsp[] = "."; // as it is
     EXPECT_EQ(0, frwk_ipc_send_sync(4, MSG_TELL, data, 2, rsp, 1, 99, nullptr));
+    EXPECT_STREQ(".", rsp);
     EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(4, MSG_BLOCK, nullptr, 0, 0)) << "does not wait";
     EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(4, MSG_TELL, data, 2, 8));
     EXPECT_TRUE(out.wait_for("from=4 msg=10 req=set len=2 rsp=set size=1 timeout=99\n"));

@@ -141,6 +141,9 @@ TEST(Service, HostileFrames)
         EXPECT_GE(now_ms() - start + 1, row.least_ms);
         close(fd);
     }
+    for (const TraceLine &trace : parse_console(module.out())) {
+        EXPECT_TRUE(trace.func == "frwk_ipc_recv" || trace.func == "frwk_ipc_handle") << trace.func;
+    }
     int fd = raw_connect("qmuxd"); // a body in a piece of its own will do
     raw_send(fd, words({2, MSG_ECHO, 0, 0, 5, 5}));
     usleep(100000);
