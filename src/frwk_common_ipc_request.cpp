@@ -16,7 +16,7 @@ enum { NOTIFY_TIMEOUT_S = 3, STATUS_TIMEOUT_S = 3 };
 
 /* What a request holds while it waits. */
 struct exchange_t {
-    const char *call;
+    const char *call; /* the public one, for its traces */
     int fd;
     uint8_t *frame;
 };
