@@ -14,6 +14,7 @@ set(sources
     frwk_common_ipc_transport.cpp
     frwk_common_ipc_service.cpp
     frwk_common_ipc_request.cpp
+    frwk_common_system.cpp
     frwk_common_conf.cpp
     frwk_common_start_conf.cpp
     frwk_common_log_conf.cpp

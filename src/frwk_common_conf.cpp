@@ -8,17 +8,18 @@
 #include "frwk_common_module.h"
 #include "frwk_start_conf.h"
 #include "frwk_timer.h"
-#include "frwk_xml_internal.h"
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <sys/file.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #define CONF_DIR "/usrdata/odm"
 
-enum { TEXT_SIZE = 256, LOCK_WAIT_MS = 3000, LOCK_POLL_US = 1000, LOOKS = 2, FILE_MODE = 0666 };
+enum { TEXT_SIZE = 256, LOCK_WAIT_MS = 3000, LOCK_POLL_US = 1000 };
 
 static void make_directory()
 {
@@ -29,69 +30,39 @@ static void make_directory()
     }
 }
 
-/* The lock is the directory's own, so that no file has to be made for it, and ends with the process. */
-static int lock_directory(const frwk_conf_site_t &site)
+static int trace_no_lock(const frwk_conf_site_t &site)
 {
-    int fd = open(CONF_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        return -1; /* the save will say so */
-    }
-    frwk_uptime_t deadline;
-    frwk_simple_timer_start(&deadline, LOCK_WAIT_MS);
-    while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EINTR && (errno != EWOULDBLOCK || frwk_simple_timer_timeout(&deadline))) {
-            frwk_trace_print(site.file, site.func, site.line, FRWK_TRACE_WARNING, "no lock on '%s', errno=%d", CONF_DIR,
-                             errno);
-            break;
-        }
-        usleep(LOCK_POLL_US);
-    }
-    return fd;
-}
-
-/* The file when it is whole: when its root element was closed. */
-static frwk_conf_doc_ptr read_whole(const frwk_conf_t &conf)
-{
-    bool whole;
-    frwk_conf_doc_ptr doc(frwk_xml_file_parse_quiet(conf.path, &whole));
-    return whole ? std::move(doc) : nullptr;
+    frwk_trace_print(site.file, site.func, site.line, FRWK_TRACE_WARNING, "no lock on '%s', errno=%d", CONF_DIR, errno);
+    return -1;
 }
 
 /*
- * The settings on disk when a whole file or a backup holds them, read without a message; null otherwise.
- *
- * A save moves the file aside as the backup, writes it anew, and removes the backup. Cut off, it leaves a file that is
- * missing or a piece, which may well parse, and the old settings as the backup; or the new file whole and the backup
- * still there. So a whole file is always right, and otherwise the backup is, if it parses.
+ * The lock is the directory's own, so that no file has to be made for it, and ends with the process. The descriptor
+ * that holds it; negative, reported, when it cannot be had.
  */
-static frwk_conf_doc_ptr find_settings(const frwk_conf_t &conf, bool *from_backup)
+static int lock_directory(const frwk_conf_site_t &site)
 {
-    *from_backup = false;
-    frwk_conf_doc_ptr doc = read_whole(conf);
-    if (doc != nullptr) {
-        return doc;
+    unique_fd fd(static_cast<int>(TEMP_FAILURE_RETRY(open(CONF_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))));
+    if (fd.get() < 0) {
+        return trace_no_lock(site);
     }
-    bool whole;
-    frwk_conf_doc_ptr backup(frwk_xml_file_parse_quiet(conf.backup, &whole));
-    if (backup != nullptr) {
-        doc = read_whole(conf); /* a moment's lack of memory must not bring back what was replaced */
-        *from_backup = doc == nullptr;
+    frwk_uptime_t deadline;
+    frwk_simple_timer_start(&deadline, LOCK_WAIT_MS);
+    while (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EINTR && (errno != EWOULDBLOCK || frwk_simple_timer_timeout(&deadline))) {
+            return trace_no_lock(site);
+        }
+        usleep(LOCK_POLL_US);
     }
-    return *from_backup ? std::move(backup) : std::move(doc);
-}
-
-static void recover(const frwk_conf_t &conf)
-{
-    bool from_backup;
-    if (find_settings(conf, &from_backup) != nullptr && from_backup) {
-        rename(conf.backup, conf.path);
-    }
+    return fd.release();
 }
 
 frwk_conf_writer::frwk_conf_writer(const frwk_conf_t &conf, const frwk_conf_site_t &site)
     : lock_((make_directory(), lock_directory(site)))
 {
-    recover(conf);
+    if (lock_.get() >= 0) {
+        remove(conf.fresh); /* left by a writer that was cut off */
+    }
 }
 
 frwk_conf_writer::~frwk_conf_writer()
@@ -101,47 +72,87 @@ frwk_conf_writer::~frwk_conf_writer()
     }
 }
 
-bool frwk_conf_exists(const frwk_conf_t &conf)
+/* Tells whether a name came or went in the directory since it was made. */
+class name_watch {
+public:
+    name_watch() : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
+    {
+        inotify_add_watch(fd_.get(), CONF_DIR, IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO);
+    }
+    bool has_seen_one() const
+    {
+        char event[sizeof(inotify_event) + NAME_MAX + 1];
+        return read(fd_.get(), event, sizeof event) > 0;
+    }
+
+private:
+    unique_fd fd_;
+};
+
+static frwk_conf_found_t look(const frwk_conf_t &conf)
 {
-    return access(conf.path, F_OK) == 0;
+    frwk_conf_found_t file = {frwk_xml_file_read(conf.path), nullptr, false};
+    file.doc.reset(file.read.doc);
+    if (file.read.outcome == FRWK_XML_WHOLE || file.read.outcome == FRWK_XML_UNKNOWN) {
+        return file;
+    }
+    frwk_conf_found_t backup = {frwk_xml_file_read(conf.backup), nullptr, true};
+    backup.doc.reset(backup.read.doc);
+    return backup.doc != nullptr || backup.read.outcome == FRWK_XML_UNKNOWN ? std::move(backup) : std::move(file);
 }
 
-/* Takes the root element of a document that was read, or reports that there is none. */
-static frwk_conf_doc_ptr with_root(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_conf_doc_ptr doc,
-                                   frwk_xml_node_t **root)
+/* Found where every save leaves them, and none that goes on meanwhile has hidden them. */
+static bool is_certain(const frwk_conf_found_t &found)
 {
-    if (doc == nullptr) {
+    return found.in_backup || found.read.outcome == FRWK_XML_WHOLE || found.read.outcome == FRWK_XML_UNKNOWN;
+}
+
+/*
+ * A file that is missing or a piece may be one that another process is saving; when its backup is gone by the time we
+ * look for it, that save has ended. So such a look counts only when no name came or went meanwhile.
+ */
+frwk_conf_found_t frwk_conf_find_settings(const frwk_conf_t &conf)
+{
+    cancel_guard uncancelled;
+    frwk_conf_found_t found = look(conf);
+    for (bool changed = true; changed && !is_certain(found);) {
+        name_watch watch;
+        found = look(conf);
+        changed = watch.has_seen_one();
+    }
+    return found;
+}
+
+frwk_conf_found_t frwk_conf_settle(const frwk_conf_t &conf)
+{
+    frwk_conf_found_t found = frwk_conf_find_settings(conf);
+    if (found.in_backup && found.doc != nullptr) {
+        if (rename(conf.backup, conf.path) == 0) {
+            return look(conf);
+        }
+        found.doc = nullptr;
+        found.read.outcome = FRWK_XML_UNKNOWN;
+    } else if (found.read.outcome == FRWK_XML_WHOLE && access(conf.backup, F_OK) == 0) {
+        sync(); /* the save may have been killed before its content was on the disk */
+        remove(conf.backup);
+    }
+    return found;
+}
+
+frwk_conf_doc_ptr frwk_conf_take(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_conf_found_t found,
+                                 frwk_xml_node_t **root)
+{
+    if (found.doc == nullptr) {
+        frwk_xml_trace_failure(found.read, found.in_backup ? conf.backup : conf.path);
         FRWK_CONF_ERR(site, "parse '%s' failed.", conf.path);
         return nullptr;
     }
-    *root = frwk_xml_get_doc_root(doc.get());
+    *root = frwk_xml_get_doc_root(found.doc.get());
     if (*root == nullptr) {
         FRWK_CONF_ERR(site, "document '%s' is null!", conf.path);
         return nullptr;
     }
-    return doc;
-}
-
-frwk_conf_doc_ptr frwk_conf_open(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_node_t **root)
-{
-    return with_root(conf, site, frwk_conf_doc_ptr(frwk_xml_file_parse(conf.path)), root);
-}
-
-frwk_conf_doc_ptr frwk_conf_read(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_node_t **root,
-                                 bool *present)
-{
-    cancel_guard uncancelled;
-    *present = true;
-    /* Another process may be saving: when its backup is gone by the time we look for it, the file is whole again. */
-    for (int i = 0; i < LOOKS; i++) {
-        bool from_backup;
-        frwk_conf_doc_ptr doc = find_settings(conf, &from_backup);
-        if (doc != nullptr) {
-            return with_root(conf, site, std::move(doc), root);
-        }
-    }
-    *present = frwk_conf_exists(conf);
-    return *present ? frwk_conf_open(conf, site, root) : nullptr;
+    return std::move(found.doc);
 }
 
 frwk_xml_node_t *frwk_conf_find(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_node_t *root,
@@ -182,56 +193,18 @@ bool frwk_conf_set_number(const frwk_conf_site_t &site, frwk_xml_node_t *parent,
     return frwk_conf_set(site, parent, name, text, end);
 }
 
-bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_doc_t *doc, const char *path)
+/* Reports a save that failed. */
+static bool saved(const frwk_conf_t &conf, const frwk_conf_site_t &site, int rc)
 {
-    if (frwk_xml_file_save(doc, path) != FRWK_ERROR_SUCCESS) {
+    if (rc != FRWK_ERROR_SUCCESS) {
         FRWK_CONF_ERR(site, "save %s config file fialed! from '%s'", conf.kind, conf.path);
-        return false;
     }
-    return true;
+    return rc == FRWK_ERROR_SUCCESS;
 }
 
-static bool write_synced(const char *path, const frwk_buffer_t &text)
+bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_doc_t *doc)
 {
-    unique_fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, FILE_MODE));
-    size_t len = static_cast<size_t>(text.len);
-    for (size_t done = 0; fd.get() >= 0 && done < len;) {
-        ssize_t n = write(fd.get(), text.bp + done, len - done);
-        if (n < 0 && errno != EINTR) {
-            return false;
-        }
-        done += n > 0 ? static_cast<size_t>(n) : 0;
-    }
-    return fd.get() >= 0 && fsync(fd.get()) == 0;
-}
-
-/*
- * Puts the document in place in one step. Where no settings were, a save has nothing to keep as its backup, and cut
- * off it would leave a piece that is taken for the settings or that no setter can parse. What fails here is left to
- * the save to report.
- */
-static void place_first(const frwk_conf_t &conf, frwk_xml_doc_t *doc)
-{
-    frwk_buffer_t text;
-    if (!frwk_buffer_init(&text)) {
-        return;
-    }
-    frwk_xml_cache_save(&text, doc->root, FRWK_XML_INDENT_SPACES);
-    if (!write_synced(conf.fresh, text) || rename(conf.fresh, conf.path) != 0) {
-        remove(conf.fresh);
-    }
-    frwk_buffer_free(&text);
-}
-
-/* Whether there are no settings: no file, or one that does not parse. One that cannot be opened now may hold some. */
-static bool holds_nothing(const frwk_conf_t &conf)
-{
-    unique_fd readable(open(conf.path, O_RDONLY | O_CLOEXEC));
-    if (readable.get() < 0) {
-        return errno == ENOENT;
-    }
-    bool whole;
-    return frwk_conf_doc_ptr(frwk_xml_file_parse_quiet(conf.path, &whole)) == nullptr;
+    return saved(conf, site, frwk_xml_file_save(doc, nullptr));
 }
 
 static int add_default(const frwk_conf_t &conf, frwk_xml_node_t *root, const frwk_module_info_t &row)
@@ -281,9 +254,9 @@ int frwk_conf_write_default(const frwk_conf_t &conf)
     if (rc != FRWK_ERROR_SUCCESS) {
         return rc;
     }
-    if (holds_nothing(conf)) {
-        place_first(conf, doc.get());
+    if (!saved(conf, conf.default_site, frwk_xml_file_place(doc.get(), conf.path, conf.fresh))) {
+        return conf.default_save_failed;
     }
-    return frwk_conf_save(conf, conf.default_site, doc.get(), conf.path) ? FRWK_ERROR_SUCCESS
-                                                                         : conf.default_save_failed;
+    remove(conf.backup); /* of what was replaced */
+    return FRWK_ERROR_SUCCESS;
 }

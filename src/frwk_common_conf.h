@@ -3,7 +3,12 @@
  * table, and in it an element per setting.
  *
  * A file is read, changed in memory and saved whole. Who changes one holds a lock meanwhile; who reads one does not.
- * Power may go in the middle of a save: see find_settings() for what is then taken.
+ *
+ * A save moves the file aside as the backup, writes it anew, and removes the backup once the new content is on the
+ * disk. Cut off by a loss of power or a kill, it leaves a file that is missing or a piece, and the backup with the
+ * settings; or the new file whole, and a backup that is out of date. Hence the rule: a whole file is always the one
+ * used; where it is missing or a piece, a backup that parses is; and where one cannot tell, because a file cannot be
+ * opened or read or memory is short, nothing is touched, since what one cannot see may be the only copy.
  */
 #ifndef FRWK_COMMON_CONF_H
 #define FRWK_COMMON_CONF_H
@@ -14,7 +19,7 @@
 #include "frwk_guard.h"
 #include "frwk_module.h"
 #include "frwk_trace.h"
-#include "frwk_xml.h"
+#include "frwk_xml_internal.h"
 
 /* Where the trace lines of shared code come from: the exported call that it works for. */
 struct frwk_conf_site_t {
@@ -31,7 +36,7 @@ struct frwk_conf_site_t {
 struct frwk_conf_t {
     const char *path;
     const char *backup; /* where a save keeps the old content until the new one is safe */
-    const char *fresh;  /* where the first content is prepared */
+    const char *fresh;  /* where the default content is prepared */
     const char *kind;   /* the file's name in the message of a failed save */
     int32_t flags;      /* modules whose row has all of these have an element in the default file */
     /* Appends the default settings to a module's element. */
@@ -50,7 +55,7 @@ using frwk_conf_doc_ptr = std::unique_ptr<frwk_xml_doc_t, frwk_conf_doc_free>;
 
 /*
  * While it lives, this thread is the only one on the device that changes a file, and is not cancelled. Makes the
- * directory and puts right what a save that was cut off has left.
+ * directory, and waits 3 seconds for another writer.
  */
 class frwk_conf_writer {
 public:
@@ -64,15 +69,29 @@ private:
     unique_fd lock_;
 };
 
-/* Whether the file exists. */
-bool frwk_conf_exists(const frwk_conf_t &conf);
+/* The settings as they were found, by the rule above. */
+struct frwk_conf_found_t {
+    frwk_xml_read_t read;  /* of the file; unknown where one cannot tell */
+    frwk_conf_doc_ptr doc; /* of the file or the backup; null when neither can be used */
+    bool in_backup;
+};
 
-/* Reads the file for changing it. Null, reported, when it cannot be parsed or has no root element. */
-frwk_conf_doc_ptr frwk_conf_open(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_node_t **root);
+/* Whether there are none yet. */
+static inline bool frwk_conf_missing(const frwk_conf_found_t &found)
+{
+    return found.doc == nullptr && found.read.outcome == FRWK_XML_MISSING;
+}
 
-/* Reads the settings, changing nothing on disk. As frwk_conf_open(), but null and unreported when there are none. */
-frwk_conf_doc_ptr frwk_conf_read(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_node_t **root,
-                                 bool *present);
+/* Finds the settings for reading them, changing nothing on disk. */
+frwk_conf_found_t frwk_conf_find_settings(const frwk_conf_t &conf);
+
+/* Finds the settings for changing them, and puts right what a save that was cut off has left. For a frwk_conf_writer.
+ */
+frwk_conf_found_t frwk_conf_settle(const frwk_conf_t &conf);
+
+/* The document with its root element. Null, reported, when there is none. */
+frwk_conf_doc_ptr frwk_conf_take(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_conf_found_t found,
+                                 frwk_xml_node_t **root);
 
 /* A module's element. Null, reported, when it is missing. */
 frwk_xml_node_t *frwk_conf_find(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_node_t *root,
@@ -90,10 +109,10 @@ bool frwk_conf_set(const frwk_conf_site_t &site, frwk_xml_node_t *parent, const 
 bool frwk_conf_set_number(const frwk_conf_site_t &site, frwk_xml_node_t *parent, const char *name, int value,
                           const char *end);
 
-/* Saves to the path, to where the document was read from when it is null. False, reported, on failure. */
-bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_doc_t *doc, const char *path);
+/* Saves to where the document was read from. False, reported, on failure. */
+bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_doc_t *doc);
 
-/* Builds and saves the default file. The caller is a frwk_conf_writer. */
+/* Builds the default file and puts it in place of whatever is there. For a frwk_conf_writer. */
 int frwk_conf_write_default(const frwk_conf_t &conf);
 
 /* Sets the own debug mode and level from the log configuration, to 0 where it does not say. */

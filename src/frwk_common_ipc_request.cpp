@@ -23,10 +23,9 @@ struct exchange_t {
 
 static void end_exchange(void *arg)
 {
-    cancel_guard no_cancel;
     exchange_t *exchange = static_cast<exchange_t *>(arg);
     if (exchange->fd >= 0) {
-        close(exchange->fd);
+        close_uncancelled(&exchange->fd);
     }
     free(exchange->frame);
 }

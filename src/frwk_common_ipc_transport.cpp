@@ -4,6 +4,7 @@
 #include "frwk_bounded.h"
 #include "frwk_common_ipc.h"
 #include "frwk_common_module.h"
+#include "frwk_guard.h"
 #include "frwk_trace.h"
 
 #include <errno.h>
@@ -67,16 +68,11 @@ int frwk_ipc_socket(uint32_t id)
     return fd;
 }
 
-static void close_socket(void *fd)
-{
-    close(*static_cast<int *>(fd));
-}
-
 /* Waits where the peer's queue of connections is full; a thread cancelled there leaves no socket behind. */
 static int connect_to(int fd, const struct sockaddr_un *addr)
 {
     int rc;
-    pthread_cleanup_push(close_socket, &fd);
+    pthread_cleanup_push(close_uncancelled, &fd);
     do {
         rc = connect(fd, reinterpret_cast<const struct sockaddr *>(addr), sizeof *addr);
     } while (rc != 0 && errno == EINTR);
@@ -95,7 +91,7 @@ int frwk_ipc_connect(uint32_t id)
     struct sockaddr_un addr = socket_address(frwk_ipc_sock_path(id, path));
     if (connect_to(fd, &addr) != 0) {
         FRWK_ERR("socket connect error");
-        close(fd);
+        close_uncancelled(&fd);
         return -1;
     }
     return fd;

@@ -33,6 +33,17 @@ int frwk_init_log_cfg_info(void)
     return frwk_conf_write_default(conf);
 }
 
+/* The settings, the default ones where there are none yet. Null, reported, when they cannot be had. */
+static frwk_conf_doc_ptr open_for_change(const frwk_conf_site_t &site, frwk_xml_node_t **root)
+{
+    frwk_conf_found_t found = frwk_conf_settle(conf);
+    if (frwk_conf_missing(found)) {
+        frwk_conf_write_default(conf); /* a failure shows in what is found then */
+        found = frwk_conf_settle(conf);
+    }
+    return frwk_conf_take(conf, site, std::move(found), root);
+}
+
 /* Sets one module's entry in the tree; `end` ends the message of an element that cannot be added. */
 static bool set_entry(const frwk_conf_site_t &site, frwk_xml_node_t *root, uint32_t module_id, const char *end,
                       int mode, const char *level)
@@ -54,15 +65,12 @@ int frwk_set_trace_info(uint32_t module_id, int mode, const char *level)
         return FRWK_ERROR_CONFIG_FILE;
     }
     frwk_conf_writer writer(conf, site);
-    if (!frwk_conf_exists(conf)) {
-        frwk_conf_write_default(conf);
-    }
     frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = frwk_conf_open(conf, site, &root);
+    frwk_conf_doc_ptr doc = open_for_change(site, &root);
     if (doc == nullptr) {
         return FRWK_ERROR_CONFIG_FILE;
     }
-    if (!set_entry(site, root, module_id, " ", mode, level) || !frwk_conf_save(conf, site, doc.get(), nullptr)) {
+    if (!set_entry(site, root, module_id, " ", mode, level) || !frwk_conf_save(conf, site, doc.get())) {
         return -1;
     }
     return FRWK_ERROR_SUCCESS;
@@ -72,11 +80,8 @@ int frwk_all_set_trace_info(int mode, const char *level)
 {
     const frwk_conf_site_t site = FRWK_CONF_HERE;
     frwk_conf_writer writer(conf, site);
-    if (!frwk_conf_exists(conf)) {
-        frwk_conf_write_default(conf);
-    }
     frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = frwk_conf_open(conf, site, &root);
+    frwk_conf_doc_ptr doc = open_for_change(site, &root);
     if (doc == nullptr) {
         return FRWK_ERROR_CONFIG_FILE;
     }
@@ -85,7 +90,7 @@ int frwk_all_set_trace_info(int mode, const char *level)
             return -1;
         }
     }
-    return frwk_conf_save(conf, site, doc.get(), nullptr) ? FRWK_ERROR_SUCCESS : FRWK_ERROR_NOT_FOUND;
+    return frwk_conf_save(conf, site, doc.get()) ? FRWK_ERROR_SUCCESS : FRWK_ERROR_NOT_FOUND;
 }
 
 static void load_entry(const frwk_conf_site_t &site, frwk_xml_node_t *entry)
@@ -115,12 +120,13 @@ void frwk_log_conf_load(uint32_t module_id)
         FRWK_CONF_ERR(site, "invalid module id=%d", static_cast<int>(module_id));
         return;
     }
-    bool present;
-    frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = frwk_conf_read(conf, site, &root, &present);
-    if (!present) {
+    frwk_conf_found_t found = frwk_conf_find_settings(conf);
+    if (frwk_conf_missing(found)) {
         FRWK_CONF_ERR(site, "log file does not exist.");
+        return;
     }
+    frwk_xml_node_t *root;
+    frwk_conf_doc_ptr doc = frwk_conf_take(conf, site, std::move(found), &root);
     if (doc == nullptr) {
         return;
     }

@@ -1,6 +1,5 @@
 /*
- * The start configuration: every module's supervision flag and start arguments, kept in /usrdata/odm/start_conf.xml;
- * shell commands.
+ * The start configuration: every module's supervision flag and start arguments, kept in /usrdata/odm/start_conf.xml.
  */
 #include "frwk_start_conf.h"
 
@@ -86,9 +85,9 @@ static void load_entry(const frwk_conf_site_t &site, frwk_xml_node_t *entry, frw
 void frwk_init_app_start_cfg(void)
 {
     const frwk_conf_site_t site = FRWK_CONF_HERE;
-    bool present;
+    frwk_conf_found_t found = frwk_conf_find_settings(conf);
     frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = frwk_conf_read(conf, site, &root, &present);
+    frwk_conf_doc_ptr doc = frwk_conf_missing(found) ? nullptr : frwk_conf_take(conf, site, std::move(found), &root);
     if (doc == nullptr) {
         return;
     }
@@ -107,9 +106,9 @@ int frwk_get_app_monitor_conf(uint32_t module_id)
         FRWK_CONF_ERR(site, "invalid module id=%d", static_cast<int>(module_id));
         return 0;
     }
-    bool present;
+    frwk_conf_found_t found = frwk_conf_find_settings(conf);
     frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = frwk_conf_read(conf, site, &root, &present);
+    frwk_conf_doc_ptr doc = frwk_conf_missing(found) ? nullptr : frwk_conf_take(conf, site, std::move(found), &root);
     frwk_xml_node_t *entry = doc != nullptr ? frwk_conf_find(conf, site, root, frwk_module_name(module_id)) : nullptr;
     frwk_xml_node_t *service = entry != nullptr ? find_setting(site, entry, "monitor_service") : nullptr;
     if (service != nullptr) {
@@ -132,21 +131,22 @@ static int set_and_save(const frwk_conf_site_t &site, uint32_t module_id, const 
         return FRWK_ERROR_INVALID_PARAM;
     }
     frwk_conf_writer writer(conf, site);
-    if (!frwk_conf_exists(conf)) {
+    frwk_conf_found_t found = frwk_conf_settle(conf);
+    if (frwk_conf_missing(found)) {
         int rc = frwk_conf_write_default(conf);
         if (rc != FRWK_ERROR_SUCCESS) {
             FRWK_CONF_ERR(site, "frwk_init_app_start_cfg_file failed!");
             return rc;
         }
+        found = frwk_conf_settle(conf);
     }
     frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = frwk_conf_open(conf, site, &root);
+    frwk_conf_doc_ptr doc = frwk_conf_take(conf, site, std::move(found), &root);
     if (doc == nullptr) {
         return FRWK_ERROR_CONFIG_FILE;
     }
     frwk_xml_node_t *entry = frwk_conf_find_or_add(conf, site, root, frwk_module_name(module_id), " ");
-    if (entry == nullptr || !frwk_conf_set(site, entry, name, text, " ") ||
-        !frwk_conf_save(conf, site, doc.get(), nullptr)) {
+    if (entry == nullptr || !frwk_conf_set(site, entry, name, text, " ") || !frwk_conf_save(conf, site, doc.get())) {
         return -1;
     }
     return FRWK_ERROR_SUCCESS;
@@ -176,24 +176,4 @@ int frwk_set_app_monitor_conf(uint32_t module_id, int value)
         return -1;
     }
     return FRWK_ERROR_SUCCESS;
-}
-
-int frwk_system(const char *cmd)
-{
-    if (cmd == nullptr || cmd[0] == '\0') {
-        FRWK_ERR("shell cmd is null!");
-        return 0;
-    }
-    int status = system(cmd);
-    if (status == -1) {
-        FRWK_ERR("exec cmd %s error!", cmd);
-        return 0;
-    }
-    if (status != 0) {
-        int code = (status >> 8) & 0xff; /* 0 for a child that a signal ended */
-        FRWK_ERR("exec cmd '%s' errno=%d", cmd, code);
-        return 0;
-    }
-    FRWK_DBG("exec cmd '%s' success!", cmd);
-    return 1;
 }

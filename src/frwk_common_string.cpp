@@ -165,16 +165,22 @@ void frwk_buffer_free(frwk_buffer_t *bf)
     bf->bp = nullptr;
 }
 
+/* Leaves errno as it is where the file can be opened. */
 long frwk_file_size(const char *path)
 {
     cancel_guard uncancelled;
-    FILE *fp = fopen(path, "re");
+    int saved_errno = errno;
+    FILE *fp;
+    do {
+        fp = fopen(path, "re");
+    } while (fp == nullptr && errno == EINTR);
     if (fp == nullptr) {
         return 0;
     }
     fseek(fp, 0, SEEK_END);
     long size = ftell(fp);
     fclose(fp);
+    errno = saved_errno;
     return size;
 }
 
@@ -194,6 +200,18 @@ int frwk_set_file_value(const char *path, const void *bytes, int len)
     return 0;
 }
 
+/* One read, in which a thread may be cancelled: a FIFO or a terminal can keep it waiting for good. */
+static long read_cancellable(int fd, void *out, size_t len, int cancel_state)
+{
+    long ret;
+    pthread_cleanup_push(close_uncancelled, &fd);
+    pthread_setcancelstate(cancel_state, nullptr);
+    ret = TEMP_FAILURE_RETRY(read(fd, out, len));
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_cleanup_pop(0);
+    return ret;
+}
+
 int frwk_get_file_value(const char *path, void *out, int len)
 {
     cancel_guard uncancelled;
@@ -202,7 +220,7 @@ int frwk_get_file_value(const char *path, void *out, int len)
         FRWK_ERR("open %s fialed!", path);
         return -1;
     }
-    long ret = TEMP_FAILURE_RETRY(read(fd.get(), out, static_cast<size_t>(len)));
+    long ret = read_cancellable(fd.get(), out, static_cast<size_t>(len), uncancelled.outer_state());
     if (ret <= 0) {
         FRWK_ERR("read %s fialed! ret is %d, errno is %d", path, static_cast<int>(ret), errno);
         return -1;

@@ -43,13 +43,22 @@ static frwk_timer_t *timer_of(const frwk_list_t *node)
     return frwk_list_entry(node, frwk_timer_t, node);
 }
 
+/*
+ * frwk_time_diff() without its wrap: beside a timer that is overdue, one with the longest delay is more than 31 bits of
+ * milliseconds away.
+ */
+static int64_t ms_between(const frwk_uptime_t *a, const frwk_uptime_t *b)
+{
+    return (int64_t{a->sec} - b->sec) * 1000 + (a->usec - b->usec) / 1000;
+}
+
 /* The timer of that id that comes first in the list, null when there is none. */
 static frwk_timer_t *find_by_id(int id)
 {
     frwk_timer_t *first = nullptr;
     for (pending_t *p = by_id[static_cast<unsigned int>(id) % ID_BUCKETS]; p != nullptr; p = p->next) {
         /* A bucket is newest first, and of two that are due alike the older one comes first. */
-        if (p->timer.id == id && (first == nullptr || frwk_time_diff(&p->timer.expire, &first->expire) <= 0)) {
+        if (p->timer.id == id && (first == nullptr || ms_between(&p->timer.expire, &first->expire) <= 0)) {
             first = &p->timer;
             if (!ids_repeat) {
                 break;
@@ -91,7 +100,7 @@ static frwk_timer_t *take_due_timer()
     frwk_timer_t *first = timer_of(g_s_timer_ctrl.list.next);
     frwk_uptime_t now;
     frwk_get_uptime(&now);
-    if (frwk_time_diff(&first->expire, &now) > 0) {
+    if (ms_between(&first->expire, &now) > 0) {
         return nullptr;
     }
     return unlink_timer(first);
@@ -165,8 +174,8 @@ static bool due_later(const frwk_uptime_t *a, const frwk_uptime_t *b)
 /* Whether the search for the timer's place is likely shorter from the head of the list than from its tail. */
 static bool nearer_to_head(const frwk_list_t *head, const frwk_timer_t *timer)
 {
-    return frwk_time_diff(&timer->expire, &timer_of(head->next)->expire) <
-           frwk_time_diff(&timer_of(head->prev)->expire, &timer->expire);
+    return ms_between(&timer->expire, &timer_of(head->next)->expire) <
+           ms_between(&timer_of(head->prev)->expire, &timer->expire);
 }
 
 /*
@@ -183,7 +192,7 @@ static frwk_list_t *search_back(frwk_list_t *head, const frwk_timer_t *timer)
 }
 
 /*
- * Links the timer before the first one that frwk_time_diff() calls due later, that is in a later second or at least a
+ * Links the timer before the first one that is due later by milliseconds, that is in a later second or at least a
  * millisecond later in the same one. From whichever end the search begins, the place is the same.
  */
 static void insert_sorted(frwk_timer_t *timer)
@@ -191,7 +200,7 @@ static void insert_sorted(frwk_timer_t *timer)
     frwk_list_t *head = &g_s_timer_ctrl.list;
     bool forward = !frwk_list_empty(head) && nearer_to_head(head, timer);
     frwk_list_t *pos = (forward ? head : search_back(head, timer))->next;
-    while (pos != head && frwk_time_diff(&timer_of(pos)->expire, &timer->expire) <= 0) {
+    while (pos != head && ms_between(&timer_of(pos)->expire, &timer->expire) <= 0) {
         pos = pos->next;
     }
     frwk_list_add(pos, &timer->node);

@@ -262,6 +262,7 @@ void frwk_assert_debug(int cond, const char *expr, const char *file, const char 
     if (cond != 0) {
         return;
     }
+    cancel_guard uncancelled; /* or a thread that was cancelled would end here alone, and the process go on */
     char text[LINE_SIZE];
     sprintf_s(text, sizeof text, "[%s]ASSERT(%s|%s|%u), %s\n", frwk_module_label(frwk_module_own_id()),
               frwk_get_filename(file), func, line, expr);

@@ -22,6 +22,37 @@ struct heap_free {
 /* Owns a block from malloc(). */
 template <class T> using heap_ptr = std::unique_ptr<T, heap_free>;
 
+/* Holds off cancellation of the calling thread. */
+class cancel_guard {
+public:
+    cancel_guard()
+    {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_);
+    }
+    ~cancel_guard()
+    {
+        pthread_setcancelstate(state_, nullptr);
+    }
+    cancel_guard(const cancel_guard &) = delete;
+    cancel_guard &operator=(const cancel_guard &) = delete;
+
+    /* As it was before. */
+    int outer_state() const
+    {
+        return state_;
+    }
+
+private:
+    int state_ = PTHREAD_CANCEL_ENABLE;
+};
+
+/* Closes *fd, an int: a thread that is cancelled in close() may leave the descriptor open. A cleanup handler, too. */
+static inline void close_uncancelled(void *fd)
+{
+    cancel_guard uncancelled;
+    close(*static_cast<int *>(fd));
+}
+
 /* Owns a file descriptor. */
 class unique_fd {
 public:
@@ -31,7 +62,7 @@ public:
     ~unique_fd()
     {
         if (fd_ >= 0) {
-            close(fd_);
+            close_uncancelled(&fd_);
         }
     }
     unique_fd(const unique_fd &) = delete;
@@ -68,24 +99,6 @@ public:
 
 private:
     pthread_mutex_t *mutex_;
-};
-
-/* Holds off cancellation of the calling thread. */
-class cancel_guard {
-public:
-    cancel_guard()
-    {
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_);
-    }
-    ~cancel_guard()
-    {
-        pthread_setcancelstate(state_, nullptr);
-    }
-    cancel_guard(const cancel_guard &) = delete;
-    cancel_guard &operator=(const cancel_guard &) = delete;
-
-private:
-    int state_ = PTHREAD_CANCEL_ENABLE;
 };
 
 #endif

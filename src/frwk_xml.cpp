@@ -8,12 +8,14 @@
 
 #include <ctype.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "frwk_bounded.h"
@@ -1047,13 +1049,65 @@ void frwk_xml_read_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flag
 
 /* ------------------------------------ Texts and files ------------------------------------- */
 
-/* The messages of the parse are those of the public call, whichever way it is entered. */
-#define TRACE_UNLESS(quiet, func, ...)                                                                                 \
-    do {                                                                                                               \
-        if (!(quiet)) {                                                                                                \
-            frwk_trace_print(__FILE__, func, __LINE__, FRWK_TRACE_ERROR, __VA_ARGS__);                                 \
-        }                                                                                                              \
-    } while (0)
+/* Why a text or a file gave no document. */
+enum xml_failure : uint32_t {
+    FAILED_NOT,
+    FAILED_NO_PATH,
+    FAILED_NO_SIZE,
+    FAILED_NO_BUFFER,
+    FAILED_NOT_OPENED,
+    FAILED_NO_NAME,
+    FAILED_NO_TEXT,
+    FAILED_NO_DOCUMENT,
+    FAILED_SYNTAX,
+    FAILED_NO_ROOT
+};
+
+/* Reports it in the name of the public call that the failure belongs to. */
+#define TRACE_AS(func, ...) frwk_trace_print(__FILE__, func, __LINE__, FRWK_TRACE_ERROR, __VA_ARGS__)
+
+static void trace_text_failure(const frwk_xml_read_t &read)
+{
+    static const char func[] = "frwk_xml_cache_parse";
+
+    if (read.failure == FAILED_NO_TEXT) {
+        TRACE_AS(func, "xml stream is null!");
+    } else if (read.failure == FAILED_NO_DOCUMENT) {
+        TRACE_AS(func, "alloc for xml doc failed!");
+    } else if (read.failure == FAILED_SYNTAX) {
+        TRACE_AS(func, "Error: line:%d,status:%d,cause:%s!", static_cast<int>(read.line), read.status,
+                 frwk_xml_strerror(read.error));
+    } else {
+        TRACE_AS(func, "Can't found valid xml root!");
+    }
+}
+
+void frwk_xml_trace_failure(const frwk_xml_read_t &read, const char *path)
+{
+    static const char func[] = "frwk_xml_file_parse";
+
+    switch (read.failure) {
+    case FAILED_NOT:
+        break;
+    case FAILED_NO_PATH:
+        TRACE_AS(func, "xml file is null!");
+        break;
+    case FAILED_NO_SIZE:
+        TRACE_AS(func, "invalid xml '%s'!", path);
+        break;
+    case FAILED_NO_BUFFER:
+    case FAILED_NO_NAME:
+        TRACE_AS(func, "alloc for xml '%s' failed!", path);
+        break;
+    case FAILED_NOT_OPENED:
+        TRACE_AS(func, "%s, errno=%d, cause: %s", "open xml file error", read.status, strerror(read.status));
+        break;
+    default:
+        trace_text_failure(read);
+        TRACE_AS(func, "parse xml '%s' failed!", path);
+        break;
+    }
+}
 
 static bool has_one_root(const frwk_xml_doc_t *doc)
 {
@@ -1064,109 +1118,123 @@ static bool has_one_root(const frwk_xml_doc_t *doc)
     return elements == 1;
 }
 
-static frwk_xml_doc_t *parse_text(char *text, bool *whole, bool quiet)
+/* A document that did not come about, given up. */
+static frwk_xml_read_t give_up(frwk_xml_doc_t *doc, frwk_xml_outcome outcome, xml_failure failure)
 {
-    static const char func[] = "frwk_xml_cache_parse";
+    frwk_xml_read_t read = {outcome, nullptr, failure, 0, 0, 0};
+    if (doc != nullptr) {
+        read.status = doc->status;
+        read.error = doc->error;
+        read.line = doc->line;
+        frwk_xml_free_doc(doc);
+    }
+    return read;
+}
 
-    *whole = false;
+static frwk_xml_read_t parse_text(char *text)
+{
     if (text == nullptr || *text == '\0') {
-        TRACE_UNLESS(quiet, func, "xml stream is null!");
-        return nullptr;
+        return give_up(nullptr, FRWK_XML_PIECE, FAILED_NO_TEXT);
     }
     frwk_xml_doc_t *doc = frwk_xml_alloc_doc();
     if (doc == nullptr) {
-        TRACE_UNLESS(quiet, func, "alloc for xml doc failed!");
-        return nullptr;
+        return give_up(nullptr, FRWK_XML_UNKNOWN, FAILED_NO_DOCUMENT);
     }
     doc->cursor = text;
     bool closed = read_content(doc, doc->root, FLAGS_DECODE);
     doc->cursor = nullptr;
     if (doc->status != STATUS_OK) {
-        TRACE_UNLESS(quiet, func, "Error: line:%d,status:%d,cause:%s!", static_cast<int>(doc->line), doc->status,
-                     frwk_xml_strerror(doc->error));
-        frwk_xml_free_doc(doc);
-        return nullptr;
+        return give_up(doc, doc->error == ERROR_MEMORY ? FRWK_XML_UNKNOWN : FRWK_XML_PIECE, FAILED_SYNTAX);
     }
     if (!has_one_root(doc)) {
-        TRACE_UNLESS(quiet, func, "Can't found valid xml root!");
-        frwk_xml_free_doc(doc);
-        return nullptr;
+        return give_up(doc, FRWK_XML_PIECE, FAILED_NO_ROOT);
     }
-    *whole = closed;
-    return doc;
+    return {closed ? FRWK_XML_WHOLE : FRWK_XML_PIECE, doc, FAILED_NOT, 0, 0, 0};
 }
 
-/* The content of a file as a string; null, traced, when it cannot be read. */
-static char *read_file(const char *path, const char *func, bool quiet)
+/* What a file is that could not be opened. */
+static frwk_xml_outcome outcome_of(int error)
 {
-    long size = frwk_file_size(path);
+    return error == ENOENT || error == ENOTDIR ? FRWK_XML_MISSING : FRWK_XML_UNKNOWN;
+}
+
+static FILE *open_file(const char *path, const char *mode)
+{
+    FILE *fp;
+    do {
+        fp = fopen(path, mode);
+    } while (fp == nullptr && errno == EINTR);
+    return fp;
+}
+
+/* Reads up to size bytes; false when the disk fails: a piece of the file may well parse, and must not pass for it. */
+static bool read_stream(FILE *fp, char *text, size_t size)
+{
+    size_t done = 0;
+    bool interrupted = true;
+    while (interrupted) {
+        clearerr(fp);
+        errno = 0;
+        done += fread(text + done, 1, size - done, fp);
+        interrupted = ferror(fp) != 0 && errno == EINTR;
+    }
+    text[done] = '\0';
+    return ferror(fp) == 0;
+}
+
+static frwk_xml_read_t parse_file(const char *path)
+{
+    errno = 0;
+    long size = frwk_file_size(path); /* leaves errno alone where the file can be opened */
     if (size <= 0) {
-        TRACE_UNLESS(quiet, func, "invalid xml '%s'!", path);
-        return nullptr;
+        frwk_xml_outcome empty = size == 0 ? FRWK_XML_PIECE : FRWK_XML_UNKNOWN;
+        return give_up(nullptr, errno == 0 ? empty : outcome_of(errno), FAILED_NO_SIZE);
     }
     heap_ptr<char> text(static_cast<char *>(malloc(static_cast<size_t>(size) + 1)));
     if (text == nullptr) {
-        TRACE_UNLESS(quiet, func, "alloc for xml '%s' failed!", path);
-        return nullptr;
+        return give_up(nullptr, FRWK_XML_UNKNOWN, FAILED_NO_BUFFER);
     }
-    FILE *fp = fopen(path, "re");
+    FILE *fp = open_file(path, "re");
     if (fp == nullptr) {
-        TRACE_UNLESS(quiet, func, "%s, errno=%d, cause: %s", "open xml file error", errno, strerror(errno));
-        return nullptr;
+        frwk_xml_read_t read = give_up(nullptr, outcome_of(errno), FAILED_NOT_OPENED);
+        read.status = errno;
+        return read;
     }
-    size_t n = fread(text.get(), 1, static_cast<size_t>(size), fp);
-    if (ferror(fp) != 0) {
-        n = 0; /* the disk failed: a piece of the file may well parse, and must not pass for the whole */
-    }
-    text.get()[n] = '\0';
+    bool complete = read_stream(fp, text.get(), static_cast<size_t>(size));
     fclose(fp);
-    return text.release();
+    return complete ? parse_text(text.get()) : give_up(nullptr, FRWK_XML_UNKNOWN, FAILED_NO_TEXT);
 }
 
-static frwk_xml_doc_t *parse_file(const char *path, bool *whole, bool quiet)
+frwk_xml_read_t frwk_xml_file_read(const char *path)
 {
-    static const char func[] = "frwk_xml_file_parse";
     cancel_guard uncancelled;
-
-    *whole = false;
     if (path == nullptr) {
-        TRACE_UNLESS(quiet, func, "xml file is null!");
-        return nullptr;
+        return give_up(nullptr, FRWK_XML_UNKNOWN, FAILED_NO_PATH);
     }
-    heap_ptr<char> text(read_file(path, func, quiet));
-    if (text == nullptr) {
-        return nullptr;
+    frwk_xml_read_t read = parse_file(path);
+    if (read.doc != nullptr) {
+        read.doc->file_name = frwk_strdup(path);
+        if (read.doc->file_name == nullptr) {
+            return give_up(read.doc, FRWK_XML_UNKNOWN, FAILED_NO_NAME);
+        }
     }
-    frwk_xml_doc_t *doc = parse_text(text.get(), whole, quiet);
-    if (doc == nullptr) {
-        TRACE_UNLESS(quiet, func, "parse xml '%s' failed!", path);
-        return nullptr;
-    }
-    doc->file_name = frwk_strdup(path);
-    if (doc->file_name == nullptr) {
-        TRACE_UNLESS(quiet, func, "alloc for xml '%s' failed!", path);
-        frwk_xml_free_doc(doc);
-        *whole = false;
-        return nullptr;
-    }
-    return doc;
+    return read;
 }
 
 frwk_xml_doc_t *frwk_xml_cache_parse(char *text)
 {
-    bool whole = false;
-    return parse_text(text, &whole, false);
+    frwk_xml_read_t read = parse_text(text);
+    if (read.doc == nullptr) {
+        trace_text_failure(read);
+    }
+    return read.doc;
 }
 
 frwk_xml_doc_t *frwk_xml_file_parse(const char *path)
 {
-    bool whole = false;
-    return parse_file(path, &whole, false);
-}
-
-frwk_xml_doc_t *frwk_xml_file_parse_quiet(const char *path, bool *whole)
-{
-    return parse_file(path, whole, true);
+    frwk_xml_read_t read = frwk_xml_file_read(path);
+    frwk_xml_trace_failure(read, path);
+    return read.doc;
 }
 
 /* ====================================== The writers ======================================= */
@@ -1528,7 +1596,7 @@ int frwk_xml_cache_save(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags)
 
 /* ------------------------------------------ Save ------------------------------------------ */
 
-enum { BACKUP_PATH_SIZE = 512 };
+enum { BACKUP_PATH_SIZE = 512, FILE_MODE = 0666 };
 
 static const char backup_suffix[] = ".bak";
 
@@ -1549,35 +1617,170 @@ static bool write_stream(FILE *fp, const frwk_buffer_t *text)
     return fflush(fp) == 0;
 }
 
+/* Which file it is that has a name: names move on when another process saves too. */
+struct file_id {
+    bool known;
+    dev_t device;
+    ino_t inode;
+};
+
+static file_id id_of(int rc, const struct stat &status)
+{
+    return {rc == 0, status.st_dev, status.st_ino};
+}
+
+static file_id id_of_name(const char *path)
+{
+    struct stat status = {};
+    return id_of(lstat(path, &status), status);
+}
+
+static file_id id_of_open(int fd)
+{
+    struct stat status = {};
+    return id_of(fstat(fd, &status), status);
+}
+
+static bool is_named(const file_id &file, const char *path)
+{
+    file_id found = id_of_name(path);
+    return file.known && found.known && file.device == found.device && file.inode == found.inode;
+}
+
 enum save_outcome { SAVED, NOT_CREATED, NOT_WRITTEN };
+
+/* The file under way: where it goes, and what was there before. */
+struct save_t {
+    const char *path;
+    const char *backup;
+    file_id old_file; /* unknown where there was none */
+    file_id new_file; /* unknown until it is created */
+};
+
+/* Moves the file to its backup's name. False when it is still in place: the only copy is never opened for writing. */
+static bool move_aside(save_t *save)
+{
+    remove(save->backup);
+    save->old_file = id_of_name(save->path);
+    if (rename(save->path, save->backup) == 0) {
+        return true;
+    }
+    save->old_file.known = false;
+    return errno == ENOENT;
+}
+
+static bool write_and_close(FILE *fp, const frwk_buffer_t *text)
+{
+    bool written = write_stream(fp, text);
+    bool closed = fclose(fp) == 0;
+    return written && closed;
+}
+
+/* Puts the old content back, unless another writer has put something in place meanwhile. */
+static void put_back(const save_t &save)
+{
+    bool in_place = is_named(save.new_file, save.path);
+    if (is_named(save.old_file, save.backup) && (in_place || access(save.path, F_OK) != 0)) {
+        rename(save.backup, save.path);
+    } else if (in_place && !save.old_file.known) {
+        remove(save.path);
+    }
+    sync();
+}
 
 /*
  * At every instant the old content is on the disk whole, under the file's name or the backup's, until the new content
- * is written and synced.
+ * is written and synced. Where two save at once, each removes only what it has put there, and succeeds only if its own
+ * file is the one in place at the end.
  */
 static save_outcome replace_file(const char *path, const char *backup, const frwk_buffer_t *text)
 {
-    remove(backup);
-    bool backed_up = rename(path, backup) == 0;
-    FILE *fp = fopen(path, "w+e");
-    save_outcome outcome = fp != nullptr ? SAVED : NOT_CREATED;
-    if (fp != nullptr) {
-        bool written = write_stream(fp, text);
-        bool closed = fclose(fp) == 0;
-        outcome = written && closed ? SAVED : NOT_WRITTEN;
+    save_t save = {path, backup, {}, {}};
+    if (!move_aside(&save)) {
+        return NOT_CREATED;
     }
-    if (outcome == SAVED) {
-        sync();
-        remove(backup);
-        return SAVED;
+    FILE *fp = open_file(path, "w+ex"); /* what is there by now was made by another writer */
+    if (fp == nullptr) {
+        put_back(save);
+        return NOT_CREATED;
     }
-    if (backed_up) {
-        rename(backup, path);
-    } else if (outcome == NOT_WRITTEN) {
-        remove(path);
+    save.new_file = id_of_open(fileno(fp));
+    unique_fd held(fcntl(fileno(fp), F_DUPFD_CLOEXEC, 0)); /* lest its inode be given to another file meanwhile */
+    if (!write_and_close(fp, text)) {
+        put_back(save);
+        return NOT_WRITTEN;
     }
     sync();
-    return outcome;
+    if (!is_named(save.new_file, path)) {
+        return NOT_WRITTEN;
+    }
+    if (is_named(save.old_file, backup)) {
+        remove(backup);
+    }
+    return SAVED;
+}
+
+/* Creates a file, never through a link, and brings its content to the disk. */
+static save_outcome write_synced(const char *path, const frwk_buffer_t *text, file_id *id)
+{
+    remove(path); /* left by a writer that was cut off */
+    unique_fd fd(static_cast<int>(
+        TEMP_FAILURE_RETRY(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, FILE_MODE))));
+    if (fd.get() < 0) {
+        return NOT_CREATED;
+    }
+    *id = id_of_open(fd.get());
+    size_t len = static_cast<size_t>(text->len);
+    for (size_t done = 0; done < len;) {
+        ssize_t n = TEMP_FAILURE_RETRY(write(fd.get(), text->bp + done, len - done));
+        if (n < 0) {
+            return NOT_WRITTEN;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return fsync(fd.get()) == 0 ? SAVED : NOT_WRITTEN;
+}
+
+/* Puts a file that was prepared under another name in place in one step. */
+static save_outcome place_file(const char *path, const char *fresh, const frwk_buffer_t *text)
+{
+    file_id id = {};
+    save_outcome outcome = write_synced(fresh, text, &id);
+    if (outcome == SAVED && (!is_named(id, fresh) || rename(fresh, path) != 0)) {
+        outcome = NOT_CREATED;
+    }
+    if (outcome != SAVED) {
+        if (is_named(id, fresh)) {
+            remove(fresh);
+        }
+        return outcome;
+    }
+    sync();
+    return is_named(id, path) ? SAVED : NOT_WRITTEN;
+}
+
+/* Both ways of saving report as the public one. */
+static int report_save(save_outcome outcome, const char *path)
+{
+    static const char func[] = "frwk_xml_file_save";
+
+    if (outcome == NOT_CREATED) {
+        TRACE_AS(func, "create xml '%s' failed!", path);
+    } else if (outcome == NOT_WRITTEN) {
+        TRACE_AS(func, "write xml '%s' failed!", path);
+    }
+    return outcome == SAVED ? FRWK_ERROR_SUCCESS : FRWK_ERROR_FILE_CREATE;
+}
+
+/* The text of a document in a buffer that the caller frees; false, reported, when there is none to be had. */
+static bool make_text(const frwk_xml_doc_t *doc, const char *path, frwk_buffer_t *text)
+{
+    if (frwk_buffer_init(text) == 0) {
+        TRACE_AS("frwk_xml_file_save", "init xml '%s' cache failed!", path);
+        return false;
+    }
+    frwk_xml_cache_save(text, doc->root, FRWK_XML_INDENT_SPACES);
+    return true;
 }
 
 int frwk_xml_file_save(frwk_xml_doc_t *doc, const char *path)
@@ -1606,19 +1809,23 @@ int frwk_xml_file_save(frwk_xml_doc_t *doc, const char *path)
         replace_text(&doc->file_name, copy);
     }
     frwk_buffer_t text;
-    if (frwk_buffer_init(&text) == 0) {
-        FRWK_ERR("init xml '%s' cache failed!", doc->file_name);
+    if (!make_text(doc, doc->file_name, &text)) {
         return FRWK_ERROR_NO_MEMORY;
     }
-    frwk_xml_cache_save(&text, doc->root, FRWK_XML_INDENT_SPACES);
     sprintf_s(backup, sizeof backup, "%s%s", doc->file_name, backup_suffix);
     save_outcome outcome = replace_file(doc->file_name, backup, &text);
     frwk_buffer_free(&text);
+    return report_save(outcome, doc->file_name);
+}
 
-    if (outcome == NOT_CREATED) {
-        FRWK_ERR("create xml '%s' failed!", doc->file_name);
-    } else if (outcome == NOT_WRITTEN) {
-        FRWK_ERR("write xml '%s' failed!", doc->file_name);
+int frwk_xml_file_place(const frwk_xml_doc_t *doc, const char *path, const char *fresh)
+{
+    cancel_guard uncancelled;
+    frwk_buffer_t text;
+    if (!make_text(doc, path, &text)) {
+        return FRWK_ERROR_NO_MEMORY;
     }
-    return outcome == SAVED ? FRWK_ERROR_SUCCESS : FRWK_ERROR_FILE_CREATE;
+    save_outcome outcome = place_file(path, fresh, &text);
+    frwk_buffer_free(&text);
+    return report_save(outcome, path);
 }

@@ -46,7 +46,9 @@ TEST(StartConf, Changes)
     // clang-format on
     std::filesystem::remove_all("/usrdata/odm"); // a place where no file can be made
     write_file("/usrdata/odm", "");
-    EXPECT_EQ("-1|frwk_init_app_start_cfg_file: save start config file fialed! from '" + START +
+    EXPECT_EQ("-1|warning frwk_set_app_start_cmd: no lock on '/usrdata/odm', errno=20|"
+              "frwk_init_app_start_cfg_file: save start config file fialed! from '" +
+                  START +
                   "'|frwk_set_app_start_cmd: frwk_init_app_start_cfg_file failed!",
               call(set(3, "y")));
 }

@@ -168,7 +168,17 @@ std::vector<TraceLine> parse_console(const std::string &text)
     return traces;
 }
 
-Capture::Capture(int fd) : target(fd), saved(-1), memory(memory_file())
+int failures()
+{
+    const testing::TestResult *result = testing::UnitTest::GetInstance()->current_test_info()->result();
+    int count = 0;
+    for (int i = 0; i < result->total_part_count(); i++) {
+        count += result->GetTestPartResult(i).failed();
+    }
+    return count;
+}
+
+Capture::Capture(int fd) : target(fd), saved(-1), memory(memory_file()), failed_before(failures())
 {
     fflush(nullptr);
     saved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
@@ -179,6 +189,9 @@ Capture::~Capture()
 {
     fflush(nullptr);
     dup2(saved, target);
+    if (failures() > failed_before) {
+        (void)!write(target, contents(memory).data(), contents(memory).size());
+    }
     close(saved);
     close(memory);
 }
@@ -270,8 +283,9 @@ void Process::start(const std::function<void()> &body)
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(out_memory, 1);
         dup2(err_memory, 2);
+        const int before = failures();
         body();
-        exit(::testing::Test::HasFailure() ? 1 : 0);
+        exit(failures() > before ? 1 : 0);
     }
 }
 

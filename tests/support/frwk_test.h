@@ -37,8 +37,9 @@ struct TraceLine {
 std::vector<TraceLine> parse_console(const std::string &text);
 
 int memory_file();
+int failures(); // of the running test, those inherited by a child included
 
-// Redirects standard output (or error) of this process to memory while it lives.
+// Redirects standard output (or error) of this process to memory while it lives. What failed meanwhile is said after.
 struct Capture {
     explicit Capture(int fd = 1);
     ~Capture();
@@ -50,7 +51,7 @@ struct Capture {
     }
     bool wait_for(const std::string &part);
 
-    int target, saved, memory;
+    int target, saved, memory, failed_before;
 };
 
 // ---- raw peers on the wire
@@ -80,7 +81,7 @@ struct Result {
     std::string out;
     std::string err;
 
-    bool ok() const // exited with 0, which takes that no expectation failed in the child
+    bool ok() const // exited with 0, which takes that no expectation has failed in the child
     {
         return status == 0;
     }

@@ -1,0 +1,172 @@
+// Lets calls fail that the library under test makes into the system: stand-ins for these calls, which it finds before
+// the real ones. Included by one source of a test program only.
+#ifndef FRWK_FAULTS_H
+#define FRWK_FAULTS_H
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdio.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OWN_ALLOCATOR 1
+#else
+#define OWN_ALLOCATOR 0
+#endif
+
+namespace frwk_test {
+
+struct Fault {
+    std::string call; // "malloc" stands for all of its family
+    int error;        // 0: half is written
+};
+
+inline std::atomic<const Fault *> fault{nullptr}; // the one to come, or the last one
+inline bool fault_lasts = false;
+inline std::atomic<int> calls_until_fault{INT_MAX}; // of the library
+inline std::atomic<int> live_blocks{0};
+inline const std::function<void(const char *call)> *before_call = nullptr; // of the library; not where it allocates
+
+// From here on the n-th such call of the library fails, and those behind it where the fault lasts.
+inline void fault_after(int n, const Fault &chosen, bool lasts)
+{
+    fault = &chosen;
+    fault_lasts = lasts;
+    calls_until_fault = n;
+}
+
+// Tells whether there were as many calls.
+inline bool no_more_faults()
+{
+    return calls_until_fault.exchange(INT_MAX) <= 0;
+}
+
+inline bool is_library(const void *caller)
+{
+    Dl_info from;
+    return dladdr(caller, &from) != 0 && strstr(from.dli_fname, "libfrwk.so") != nullptr;
+}
+
+inline bool fails(const char *call, const void *caller)
+{
+    const Fault *const next = fault;
+    const bool chosen = next != nullptr && next->call == call;
+    const bool watched = before_call != nullptr && strcmp(call, "malloc") != 0;
+    if ((!chosen && !watched) || !is_library(caller)) {
+        return false;
+    }
+    if (watched) {
+        (*before_call)(call);
+    }
+    if (!chosen) {
+        return false;
+    }
+    const int left = --calls_until_fault;
+    errno = next->error;
+    return left == 0 || (left < 0 && fault_lasts);
+}
+
+} // namespace frwk_test
+
+#define FAILS(call) frwk_test::fails(call, __builtin_return_address(0))
+#define REAL(call) reinterpret_cast<decltype(&call)>(dlsym(RTLD_NEXT, #call))
+#define STAND_IN(result, call, parameters, arguments, failure, throwing)                                               \
+    result call parameters throwing                                                                                    \
+    {                                                                                                                  \
+        static const auto real = REAL(call);                                                                           \
+        return FAILS(#call) ? (failure) : real arguments;                                                              \
+    }
+
+extern "C" {
+#if !OWN_ALLOCATOR
+void *__libc_malloc(size_t size);
+void *__libc_calloc(size_t count, size_t size);
+void *__libc_realloc(void *block, size_t size);
+void __libc_free(void *block);
+void *malloc(size_t size)
+{
+    return FAILS("malloc") ? nullptr : (frwk_test::live_blocks++, __libc_malloc(size));
+}
+void *calloc(size_t count, size_t size)
+{
+    return FAILS("malloc") ? nullptr : (frwk_test::live_blocks++, __libc_calloc(count, size));
+}
+void *realloc(void *block, size_t size)
+{
+    return FAILS("malloc") ? nullptr : (frwk_test::live_blocks += block == nullptr, __libc_realloc(block, size));
+}
+void free(void *block)
+{
+    frwk_test::live_blocks -= block != nullptr;
+    __libc_free(block);
+}
+#endif
+void sync() noexcept // of this machine, which would take its time
+{
+    FAILS("sync");
+}
+// clang-format off
+STAND_IN(int, pthread_create, (pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *), void *arg),
+         (id, attr, start, arg), errno, noexcept)
+STAND_IN(int, socket, (int domain, int type, int protocol), (domain, type, protocol), -1, noexcept)
+STAND_IN(int, setsockopt, (int fd, int level, int name, const void *value, socklen_t size),
+         (fd, level, name, value, size), -1, noexcept)
+STAND_IN(int, bind, (int fd, const sockaddr *address, socklen_t size), (fd, address, size), -1, noexcept)
+STAND_IN(int, listen, (int fd, int backlog), (fd, backlog), -1, noexcept)
+STAND_IN(int, connect, (int fd, const sockaddr *address, socklen_t size), (fd, address, size), -1, noexcept(false))
+STAND_IN(int, accept4, (int fd, sockaddr *from, socklen_t *size, int flags), (fd, from, size, flags), -1, noexcept(false))
+STAND_IN(int, poll, (pollfd *fds, nfds_t count, int timeout), (fds, count, timeout), -1, noexcept(false))
+STAND_IN(ssize_t, send, (int fd, const void *bytes, size_t size, int flags), (fd, bytes, size, flags),
+         errno != 0 ? -1 : real(fd, bytes, size / 2, flags), noexcept(false))
+STAND_IN(ssize_t, recv, (int fd, void *bytes, size_t size, int flags), (fd, bytes, size, flags), -1, noexcept(false))
+STAND_IN(ssize_t, read, (int fd, void *bytes, size_t size), (fd, bytes, size), -1, noexcept(false))
+STAND_IN(ssize_t, write, (int fd, const void *bytes, size_t size), (fd, bytes, size),
+         errno != 0 ? -1 : real(fd, bytes, size / 2), noexcept(false))
+STAND_IN(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, noexcept(false))
+STAND_IN(size_t, fread, (void *bytes, size_t size, size_t count, FILE *fp), (bytes, size, count, fp),
+         (fputc(0, fp), errno = frwk_test::fault.load()->error, 0), noexcept(false)) // a stream for reading: an error
+STAND_IN(size_t, fwrite, (const void *bytes, size_t size, size_t count, FILE *fp), (bytes, size, count, fp),
+         (count = real(bytes, size, count / 2, fp), errno = frwk_test::fault.load()->error, count), noexcept(false))
+STAND_IN(int, fflush, (FILE *fp), (fp), EOF, noexcept(false))
+STAND_IN(int, fclose, (FILE *fp), (fp), (real(fp), EOF), noexcept(false))
+STAND_IN(int, remove, (const char *path), (path), -1, noexcept)
+STAND_IN(int, rename, (const char *from, const char *to), (from, to), -1, noexcept)
+STAND_IN(int, fsync, (int fd), (fd), -1, noexcept(false))
+STAND_IN(int, flock, (int fd, int operation), (fd, operation), -1, noexcept)
+STAND_IN(int, access, (const char *path, int mode), (path, mode), -1, noexcept)
+STAND_IN(int, lstat, (const char *path, struct stat *status), (path, status), -1, noexcept)
+STAND_IN(int, fstat, (int fd, struct stat *status), (fd, status), -1, noexcept)
+STAND_IN(int, inotify_init1, (int flags), (flags), -1, noexcept)
+// clang-format on
+int open(const char *path, int flags, ...)
+{
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = va_arg(args, mode_t); // there is one where it counts
+    va_end(args);
+    return FAILS("open") ? -1 : REAL(open)(path, flags, mode);
+}
+int fcntl(int fd, int command, ...)
+{
+    va_list args;
+    va_start(args, command);
+    void *argument = va_arg(args, void *);
+    va_end(args);
+    return FAILS("fcntl") ? -1 : REAL(fcntl)(fd, command, argument);
+}
+}
+
+#endif
