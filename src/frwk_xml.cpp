@@ -1733,7 +1733,7 @@ static save_outcome write_synced(const char *path, const frwk_buffer_t *text, fi
     size_t len = static_cast<size_t>(text->len);
     for (size_t done = 0; done < len;) {
         ssize_t n = TEMP_FAILURE_RETRY(write(fd.get(), text->bp + done, len - done));
-        if (n < 0) {
+        if (n <= 0) {
             return NOT_WRITTEN;
         }
         done += static_cast<size_t>(n);

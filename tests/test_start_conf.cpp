@@ -48,8 +48,7 @@ TEST(StartConf, Changes)
     write_file("/usrdata/odm", "");
     EXPECT_EQ("-1|warning frwk_set_app_start_cmd: no lock on '/usrdata/odm', errno=20|"
               "frwk_init_app_start_cfg_file: save start config file fialed! from '" +
-                  START +
-                  "'|frwk_set_app_start_cmd: frwk_init_app_start_cfg_file failed!",
+                  START + "'|frwk_set_app_start_cmd: frwk_init_app_start_cfg_file failed!",
               call(set(3, "y")));
 }
 

@@ -1,0 +1,327 @@
+// Accidents that meet: a writer of a settings file is cut off at any of its calls; what runs next on what it has left
+// meets a failing call, once or for good; and two writers are at work in spite of the lock. What was acknowledged
+// before the cut, and what has been acknowledged since, is there afterwards.
+#include "support/faults.h"
+
+#include <grp.h>
+#include <sys/wait.h>
+
+#include <map>
+#include <optional>
+#include <set>
+
+#include "conf_test.h"
+
+using namespace conf_test;
+using namespace frwk_test;
+
+namespace {
+
+using Files = std::map<std::string, std::string>; // by path
+
+Files snapshot()
+{
+    Files files;
+    for (const std::string &name : exists(DIR) ? listing() : Texts()) {
+        files[DIR + "/" + name] = read_file(DIR + "/" + name);
+    }
+    return files;
+}
+
+void restore(const Files &files)
+{
+    std::filesystem::remove_all(DIR);
+    for (const auto &[path, text] : files) {
+        write_file(path, text);
+    }
+}
+
+using Act = std::function<int()>;
+
+// What one settings file is put through. Each writer sets something of its own.
+struct Subject {
+    std::string path;
+    std::vector<std::pair<std::string, Act>> writers;
+    std::vector<std::pair<std::string, Act>> readers;
+    Act earlier; // what was acknowledged before anything else
+    Act next;    // what is set at the end, by a writer that meets no fault
+};
+
+const Subject log_settings = {LOG,
+                              {{"one", [] { return frwk_set_trace_info(FRWK_MODULE_QTI, 2, "debug"); }},
+                               {"all", [] { return frwk_all_set_trace_info(3, "warning"); }},
+                               {"default", frwk_init_log_cfg_info}},
+                              {{"load", [] { return frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr); }}},
+                              [] { return frwk_set_trace_info(FRWK_MODULE_MBIMD, 1, "error"); },
+                              [] { return frwk_set_trace_info(FRWK_MODULE_QMUXD, 1, "info"); }};
+
+const Subject start_settings = {
+    START,
+    {{"command", [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "-q"); }},
+     {"supervision", [] { return frwk_set_app_monitor_conf(FRWK_MODULE_QMUXD, 0); }}, // no monitor answers: -1
+     {"default", frwk_init_app_start_cfg_file}},
+    {{"load", [] { return frwk_init_app_start_cfg(), 0; }},
+     {"query", [] { return frwk_get_app_monitor_conf(FRWK_MODULE_QTI), 0; }}},
+    [] { return frwk_set_app_start_cmd(FRWK_MODULE_MBIMD, "-m"); },
+    [] { return frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "-n"); }};
+
+// The file after these acts on what is there now and the one that meets no fault, beside which nothing stays.
+std::string followed(const Subject &subject, const std::vector<Act> &acts = {})
+{
+    for (const Act &act : acts) {
+        act();
+    }
+    EXPECT_EQ(0, subject.next());
+    const Files files = snapshot();
+    EXPECT_TRUE(files.size() == 1 && files.count(subject.path) == 1) << testing::PrintToString(files);
+    return files.begin()->second;
+}
+
+std::string followed(const Subject &subject, const Files &from, const std::vector<Act> &acts = {})
+{
+    restore(from);
+    return followed(subject, acts);
+}
+
+// What a writer leaves when it is cut off there, and when it is not: the directory before each of its calls, and with a
+// half of what a write should have written.
+std::set<Files> states_of(const Files &before, const Act &writer)
+{
+    restore(before);
+    std::set<Files> states;
+    const std::function<void(const char *)> note = [&states](const char *) { states.insert(snapshot()); };
+    before_call = &note;
+    writer();
+    before_call = nullptr;
+    states.insert(snapshot());
+    return states;
+}
+
+// ---- states times faults
+
+const Fault file_faults[] = {{"malloc", ENOMEM}, {"open", EMFILE},         {"flock", ENOLCK}, {"fopen", EACCES},
+                             {"fread", EIO},     {"fwrite", ENOSPC},       {"write", ENOSPC}, {"write", 0},
+                             {"fflush", EIO},    {"fclose", EIO},          {"fsync", EIO},    {"rename", ENOSPC},
+                             {"remove", EIO},    {"access", EACCES},       {"lstat", EIO},    {"fstat", EIO},
+                             {"fcntl", EMFILE},  {"inotify_init1", EMFILE}};
+
+enum End { NOT_REACHED, ACKNOWLEDGED, REFUSED };
+
+// Acts in a process of its own, which a fault may end; the n-th such call fails there.
+End act_with(const Fault &chosen, bool lasts, int n, const Act &act)
+{
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(30);
+        (void)!freopen("/dev/null", "w", stderr); // where an assertion would be told
+        fault_after(n, chosen, lasts);
+        const int rc = act();
+        _exit(!no_more_faults() ? NOT_REACHED : rc == 0 ? ACKNOWLEDGED : REFUSED);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) || WTERMSIG(status) == SIGABRT) << "wait status " << status;
+    return WIFEXITED(status) ? static_cast<End>(WEXITSTATUS(status)) : REFUSED;
+}
+
+int count_calls(const Fault &chosen, const Files &state, const Act &act)
+{
+    restore(state);
+    fault_after(INT_MAX - 1, chosen, false);
+    act();
+    return INT_MAX - 1 - calls_until_fault.exchange(INT_MAX);
+}
+
+// Of faults at this many calls one is tried: what lasts fails much the same, and so do the allocations of a parse.
+int stride_of(const std::string &call, bool lasts, bool is_deep)
+{
+    if (getenv("FRWK_ACCIDENTS") != nullptr) { // whatever it says: all
+        return 1;
+    }
+    return (call == "malloc" ? 5 : 1) * (lasts ? 3 : 1) * (is_deep ? 5 : 1) * (emulated() || OWN_ALLOCATOR ? 7 : 1);
+}
+
+// One act on one state with every fault. The number of faults.
+int meet_faults(const Subject &subject, const Files &state, int state_number, const Act &act, bool reads, bool is_deep)
+{
+    const std::string without = followed(subject, state);
+    const std::string with = followed(subject, state, {act});
+    int count = 0;
+    for (const Fault &chosen : file_faults) {
+        const int calls = count_calls(chosen, state, act); // none of malloc where that is not ours
+        for (const bool lasts : {false, true}) {
+            const int stride = stride_of(chosen.call, lasts, is_deep);
+            for (int n = 1 + state_number % stride; n <= calls && !testing::Test::HasFailure(); n += stride) {
+                restore(state);
+                const End end = act_with(chosen, lasts, n, act);
+                EXPECT_NE(NOT_REACHED, end);
+                count++;
+                const bool unread = !reads || snapshot() == state;
+                const std::string found = followed(subject);
+                EXPECT_TRUE(unread && (found == with || (found == without && (reads || end != ACKNOWLEDGED))))
+                    << chosen.call << " " << strerror(chosen.error) << (lasts ? " for good" : "") << " at call " << n
+                    << " on " << testing::PrintToString(state) << (unread ? "" : "\nreading has changed something")
+                    << (end == ACKNOWLEDGED ? "\nacknowledged: " : "\nrefused: ") << found;
+            }
+        }
+    }
+    return count;
+}
+
+// The states that the writers can leave, each with a file that is one of the two that it may stand for.
+std::set<Files> all_states(const Subject &subject, const std::set<Files> &befores)
+{
+    std::set<Files> all;
+    for (const Files &before : befores) {
+        const std::string old_text = followed(subject, before);
+        for (const auto &[name, writer] : subject.writers) {
+            SCOPED_TRACE(name);
+            const std::string new_text = followed(subject, before, {writer});
+            for (const Files &state : states_of(before, writer)) {
+                const std::string found = followed(subject, state);
+                EXPECT_TRUE(found == old_text || found == new_text) << testing::PrintToString(state) << found;
+                all.insert(state);
+            }
+        }
+    }
+    return all;
+}
+
+void check_every_accident(const Subject &subject)
+{
+    restore({});
+    EXPECT_EQ(0, subject.earlier());
+    const std::set<Files> first = all_states(subject, {Files(), snapshot()});
+    const std::set<Files> states = all_states(subject, first); // and those that putting these right can leave
+    int count = 0, number = 0;
+    for (const Files &state : states) {
+        const bool is_deep = first.count(state) == 0;
+        for (const auto &[name, act] : subject.writers) {
+            SCOPED_TRACE(name);
+            count += meet_faults(subject, state, number, act, false, is_deep);
+        }
+        for (const auto &[name, act] : subject.readers) {
+            SCOPED_TRACE(name);
+            count += meet_faults(subject, state, number, act, true, is_deep);
+        }
+        number++;
+    }
+    printf("%s: %zu states, %d accidents\n", subject.path.c_str(), states.size(), count);
+}
+
+TEST(Accidents, LogSettings)
+{
+    check_every_accident(log_settings);
+}
+
+TEST(Accidents, StartSettings)
+{
+    check_every_accident(start_settings);
+}
+
+// ---- two writers
+
+// The second writer comes at the n-th call of the first, which has held the lock for so long that the second goes on
+// without it: the results of both, none where there were not as many calls.
+std::optional<std::pair<bool, bool>> meet(const Act &first, const Act &second, int n)
+{
+    fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        alarm(30);
+        static const Fault no_lock = {"flock", ENOLCK};
+        End other = NOT_REACHED;
+        const std::function<void(const char *)> note = [&](const char *) {
+            if (--n == 0) {
+                other = act_with(no_lock, true, 1, second);
+            }
+        };
+        before_call = &note;
+        const int rc = first();
+        _exit(other == NOT_REACHED ? 0 : 1 + (rc == 0) * 2 + (other == ACKNOWLEDGED) * 4);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status)) << "wait status " << status;
+    const int ends = WEXITSTATUS(status);
+    return ends == 0 ? std::nullopt : std::optional(std::pair((ends & 2) != 0, (ends & 4) != 0));
+}
+
+// At least the later of two that were acknowledged is there, and the earlier one unless it was saved while the other
+// had the file read already.
+void check_two_writers(const Subject &subject)
+{
+    restore({});
+    EXPECT_EQ(0, subject.earlier());
+    const Files before = snapshot();
+    int count = 0;
+    for (const auto &[first_name, first] : subject.writers) {
+        for (const auto &[second_name, second] : subject.writers) {
+            const std::string none = followed(subject, before);
+            const std::set<std::string> with_first = {followed(subject, before, {first}),
+                                                      followed(subject, before, {first, second}),
+                                                      followed(subject, before, {second, first})};
+            const std::set<std::string> with_second = {followed(subject, before, {second}),
+                                                       followed(subject, before, {first, second}),
+                                                       followed(subject, before, {second, first})};
+            for (int n = 1; !testing::Test::HasFailure(); n++) {
+                SCOPED_TRACE(second_name + " at call " + std::to_string(n) + " of " + first_name);
+                restore(before);
+                const auto ends = meet(first, second, n);
+                if (!ends) {
+                    break;
+                }
+                count++;
+                const std::string found = followed(subject);
+                const bool any = with_first.count(found) + with_second.count(found) != 0 || found == none;
+                EXPECT_TRUE(ends->first    ? with_first.count(found)
+                            : ends->second ? with_second.count(found)
+                                           : any)
+                    << ends->first << ends->second << found;
+            }
+        }
+    }
+    printf("%s: %d encounters of two writers\n", subject.path.c_str(), count);
+}
+
+TEST(Accidents, TwoWritersWithoutTheLock)
+{
+    check_two_writers(log_settings);
+    check_two_writers(start_settings);
+}
+
+// A whole new file that this user may not read, and a stale backup that he may.
+TEST(Accidents, FileOfAnotherUser)
+{
+    for (const Subject *subject : {&log_settings, &start_settings}) {
+        restore({});
+        EXPECT_EQ(0, subject->earlier());
+        const std::string old_text = read_file(subject->path);
+        const Files state = {{subject->path, followed(*subject)}, {subject->path + ".bak", old_text}};
+        const std::string whole = followed(*subject, state);
+        restore(state);
+        chmod(DIR.c_str(), 0777);
+        chmod(subject->path.c_str(), 0600);
+        const Result result = run_child([&] {
+            if (setgroups(0, nullptr) != 0 || setgid(12345) != 0 || setuid(12345) != 0) {
+                printf("refused");
+                return;
+            }
+            for (const auto &[name, writer] : subject->writers) {
+                EXPECT_EQ(name == "default" ? 0 : FRWK_ERROR_CONFIG_FILE, name == "default" ? 0 : writer()) << name;
+            }
+            for (const auto &[name, reader] : subject->readers) {
+                reader();
+            }
+        });
+        if (result.out == "refused") {
+            GTEST_SKIP() << "another user cannot be had here";
+        }
+        EXPECT_TRUE(result.ok()) << result;
+        EXPECT_EQ(state, snapshot());
+        EXPECT_EQ(whole, followed(*subject));
+    }
+}
+
+} // namespace
