@@ -17,22 +17,21 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#define CONF_DIR "/usrdata/odm"
-
 enum { TEXT_SIZE = 256, LOCK_WAIT_MS = 3000, LOCK_POLL_US = 1000 };
 
 static void make_directory()
 {
-    if (access(CONF_DIR, F_OK) != 0) {
+    if (access(FRWK_CONF_DIR, F_OK) != 0) {
         char command[TEXT_SIZE];
-        sprintf_s(command, sizeof command, "mkdir %s", CONF_DIR);
+        sprintf_s(command, sizeof command, "mkdir %s", FRWK_CONF_DIR);
         frwk_system(command);
     }
 }
 
 static int trace_no_lock(const frwk_conf_site_t &site)
 {
-    frwk_trace_print(site.file, site.func, site.line, FRWK_TRACE_WARNING, "no lock on '%s', errno=%d", CONF_DIR, errno);
+    frwk_trace_print(site.file, site.func, site.line, FRWK_TRACE_WARNING, "no lock on '%s', errno=%d", FRWK_CONF_DIR,
+                     errno);
     return -1;
 }
 
@@ -42,7 +41,7 @@ static int trace_no_lock(const frwk_conf_site_t &site)
  */
 static int lock_directory(const frwk_conf_site_t &site)
 {
-    unique_fd fd(static_cast<int>(TEMP_FAILURE_RETRY(open(CONF_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))));
+    unique_fd fd(static_cast<int>(TEMP_FAILURE_RETRY(open(FRWK_CONF_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC))));
     if (fd.get() < 0) {
         return trace_no_lock(site);
     }
@@ -60,14 +59,14 @@ static int lock_directory(const frwk_conf_site_t &site)
 frwk_conf_writer::frwk_conf_writer(const frwk_conf_t &conf, const frwk_conf_site_t &site)
     : lock_((make_directory(), lock_directory(site)))
 {
-    if (lock_.get() >= 0) {
-        remove(conf.fresh); /* left by a writer that was cut off */
+    if (is_alone()) {
+        remove(conf.place.fresh); /* left by a writer that was cut off */
     }
 }
 
 frwk_conf_writer::~frwk_conf_writer()
 {
-    if (lock_.get() >= 0) {
+    if (is_alone()) {
         flock(lock_.get(), LOCK_UN); /* closing would not do while a child forked meanwhile has the descriptor too */
     }
 }
@@ -77,7 +76,7 @@ class name_watch {
 public:
     name_watch() : fd_(inotify_init1(IN_NONBLOCK | IN_CLOEXEC))
     {
-        inotify_add_watch(fd_.get(), CONF_DIR, IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO);
+        inotify_add_watch(fd_.get(), FRWK_CONF_DIR, IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO);
     }
     bool has_seen_one() const
     {
@@ -91,7 +90,7 @@ private:
 
 static frwk_conf_found_t look(const frwk_conf_t &conf)
 {
-    frwk_conf_found_t file = {frwk_xml_file_read(conf.path), nullptr, false};
+    frwk_conf_found_t file = {frwk_xml_file_read(conf.place.path), nullptr, false};
     file.doc.reset(file.read.doc);
     if (file.read.outcome == FRWK_XML_WHOLE || file.read.outcome == FRWK_XML_UNKNOWN) {
         return file;
@@ -123,11 +122,14 @@ frwk_conf_found_t frwk_conf_find_settings(const frwk_conf_t &conf)
     return found;
 }
 
-frwk_conf_found_t frwk_conf_settle(const frwk_conf_t &conf)
+frwk_conf_found_t frwk_conf_settle(const frwk_conf_t &conf, const frwk_conf_writer &writer)
 {
     frwk_conf_found_t found = frwk_conf_find_settings(conf);
+    if (!writer.is_alone()) {
+        return found;
+    }
     if (found.in_backup && found.doc != nullptr) {
-        if (rename(conf.backup, conf.path) == 0) {
+        if (rename(conf.backup, conf.place.path) == 0) {
             return look(conf);
         }
         found.doc = nullptr;
@@ -143,13 +145,13 @@ frwk_conf_doc_ptr frwk_conf_take(const frwk_conf_t &conf, const frwk_conf_site_t
                                  frwk_xml_node_t **root)
 {
     if (found.doc == nullptr) {
-        frwk_xml_trace_failure(found.read, found.in_backup ? conf.backup : conf.path);
-        FRWK_CONF_ERR(site, "parse '%s' failed.", conf.path);
+        frwk_xml_trace_failure(found.read, found.in_backup ? conf.backup : conf.place.path);
+        FRWK_CONF_ERR(site, "parse '%s' failed.", conf.place.path);
         return nullptr;
     }
     *root = frwk_xml_get_doc_root(found.doc.get());
     if (*root == nullptr) {
-        FRWK_CONF_ERR(site, "document '%s' is null!", conf.path);
+        FRWK_CONF_ERR(site, "document '%s' is null!", conf.place.path);
         return nullptr;
     }
     return std::move(found.doc);
@@ -160,7 +162,7 @@ frwk_xml_node_t *frwk_conf_find(const frwk_conf_t &conf, const frwk_conf_site_t 
 {
     frwk_xml_node_t *element = frwk_xml_get_child_node(root, module);
     if (element == nullptr) {
-        FRWK_CONF_ERR(site, "get %s from '%s' failed", module, conf.path);
+        FRWK_CONF_ERR(site, "get %s from '%s' failed", module, conf.place.path);
     }
     return element;
 }
@@ -197,14 +199,16 @@ bool frwk_conf_set_number(const frwk_conf_site_t &site, frwk_xml_node_t *parent,
 static bool saved(const frwk_conf_t &conf, const frwk_conf_site_t &site, int rc)
 {
     if (rc != FRWK_ERROR_SUCCESS) {
-        FRWK_CONF_ERR(site, "save %s config file fialed! from '%s'", conf.kind, conf.path);
+        FRWK_CONF_ERR(site, "save %s config file fialed! from '%s'", conf.kind, conf.place.path);
     }
     return rc == FRWK_ERROR_SUCCESS;
 }
 
-bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_doc_t *doc)
+bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, const frwk_conf_writer &writer,
+                    frwk_xml_doc_t *doc)
 {
-    return saved(conf, site, frwk_xml_file_save(doc, nullptr));
+    return saved(conf, site,
+                 writer.is_alone() ? frwk_xml_file_save(doc, nullptr) : frwk_xml_file_place(doc, conf.place));
 }
 
 static int add_default(const frwk_conf_t &conf, frwk_xml_node_t *root, const frwk_module_info_t &row)
@@ -229,7 +233,7 @@ static int build_default(const frwk_conf_t &conf, frwk_xml_doc_t *doc)
     }
     frwk_xml_node_t *root = frwk_xml_get_doc_root(doc);
     if (root == nullptr) {
-        FRWK_CONF_ERR(site, "document '%s' is null!", conf.path);
+        FRWK_CONF_ERR(site, "document '%s' is null!", conf.place.path);
         return FRWK_ERROR_CONFIG_FILE;
     }
     for (uint32_t id = 1; id < FRWK_MODULE_MAX; id++) {
@@ -243,7 +247,7 @@ static int build_default(const frwk_conf_t &conf, frwk_xml_doc_t *doc)
     return FRWK_ERROR_SUCCESS;
 }
 
-int frwk_conf_write_default(const frwk_conf_t &conf)
+int frwk_conf_write_default(const frwk_conf_t &conf, const frwk_conf_writer &writer)
 {
     frwk_conf_doc_ptr doc(frwk_xml_alloc_doc());
     if (doc == nullptr) {
@@ -254,9 +258,11 @@ int frwk_conf_write_default(const frwk_conf_t &conf)
     if (rc != FRWK_ERROR_SUCCESS) {
         return rc;
     }
-    if (!saved(conf, conf.default_site, frwk_xml_file_place(doc.get(), conf.path, conf.fresh))) {
+    if (!saved(conf, conf.default_site, frwk_xml_file_place(doc.get(), conf.place))) {
         return conf.default_save_failed;
     }
-    remove(conf.backup); /* of what was replaced */
+    if (writer.is_alone()) {
+        remove(conf.backup); /* of what was replaced */
+    }
     return FRWK_ERROR_SUCCESS;
 }

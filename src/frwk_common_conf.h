@@ -32,11 +32,12 @@ struct frwk_conf_site_t {
 #define FRWK_CONF_HERE FRWK_CONF_SITE(__func__)
 #define FRWK_CONF_ERR(site, ...) frwk_trace_print((site).file, (site).func, (site).line, FRWK_TRACE_ERROR, __VA_ARGS__)
 
+#define FRWK_CONF_DIR "/usrdata/odm"
+
 /* One of the two files. */
 struct frwk_conf_t {
-    const char *path;
+    frwk_xml_place_t place;
     const char *backup; /* where a save keeps the old content until the new one is safe */
-    const char *fresh;  /* where the default content is prepared */
     const char *kind;   /* the file's name in the message of a failed save */
     int32_t flags;      /* modules whose row has all of these have an element in the default file */
     /* Appends the default settings to a module's element. */
@@ -55,7 +56,8 @@ using frwk_conf_doc_ptr = std::unique_ptr<frwk_xml_doc_t, frwk_conf_doc_free>;
 
 /*
  * While it lives, this thread is the only one on the device that changes a file, and is not cancelled. Makes the
- * directory, and waits 3 seconds for another writer.
+ * directory, and waits 3 seconds for another writer. Then it goes on without the lock: what the other one has on the
+ * disk is left as it is, and what is saved comes in place in one step.
  */
 class frwk_conf_writer {
 public:
@@ -63,6 +65,11 @@ public:
     ~frwk_conf_writer();
     frwk_conf_writer(const frwk_conf_writer &) = delete;
     frwk_conf_writer &operator=(const frwk_conf_writer &) = delete;
+
+    bool is_alone() const
+    {
+        return lock_.get() >= 0;
+    }
 
 private:
     cancel_guard uncancelled_;
@@ -85,9 +92,8 @@ static inline bool frwk_conf_missing(const frwk_conf_found_t &found)
 /* Finds the settings for reading them, changing nothing on disk. */
 frwk_conf_found_t frwk_conf_find_settings(const frwk_conf_t &conf);
 
-/* Finds the settings for changing them, and puts right what a save that was cut off has left. For a frwk_conf_writer.
- */
-frwk_conf_found_t frwk_conf_settle(const frwk_conf_t &conf);
+/* Finds the settings for changing them, and puts right what a save that was cut off has left. */
+frwk_conf_found_t frwk_conf_settle(const frwk_conf_t &conf, const frwk_conf_writer &writer);
 
 /* The document with its root element. Null, reported, when there is none. */
 frwk_conf_doc_ptr frwk_conf_take(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_conf_found_t found,
@@ -109,11 +115,12 @@ bool frwk_conf_set(const frwk_conf_site_t &site, frwk_xml_node_t *parent, const 
 bool frwk_conf_set_number(const frwk_conf_site_t &site, frwk_xml_node_t *parent, const char *name, int value,
                           const char *end);
 
-/* Saves to where the document was read from. False, reported, on failure. */
-bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, frwk_xml_doc_t *doc);
+/* Saves the settings. False, reported, on failure. */
+bool frwk_conf_save(const frwk_conf_t &conf, const frwk_conf_site_t &site, const frwk_conf_writer &writer,
+                    frwk_xml_doc_t *doc);
 
-/* Builds the default file and puts it in place of whatever is there. For a frwk_conf_writer. */
-int frwk_conf_write_default(const frwk_conf_t &conf);
+/* Builds the default file and puts it in place of whatever is there. */
+int frwk_conf_write_default(const frwk_conf_t &conf, const frwk_conf_writer &writer);
 
 /* Sets the own debug mode and level from the log configuration, to 0 where it does not say. */
 void frwk_log_conf_load(uint32_t module_id);

@@ -7,7 +7,7 @@
 
 #include <stdlib.h>
 
-#define LOG_CONF "/usrdata/odm/log_conf.xml"
+#define LOG_CONF FRWK_CONF_DIR "/log_conf.xml"
 
 enum { MODE_LEN_MAX = 4 };
 
@@ -17,29 +17,24 @@ static bool fill_default(const frwk_conf_site_t &site, frwk_xml_node_t *element,
 }
 
 static const frwk_conf_t conf = {
-    LOG_CONF,
-    LOG_CONF ".bak",
-    LOG_CONF ".new",
-    "log",
-    FRWK_MODULE_FLAG_SYSLOG,
-    fill_default,
-    FRWK_CONF_SITE("frwk_init_log_cfg_info"),
-    FRWK_ERROR_NOT_FOUND,
+    {LOG_CONF, LOG_CONF ".new", FRWK_CONF_DIR}, LOG_CONF ".bak",      "log", FRWK_MODULE_FLAG_SYSLOG, fill_default,
+    FRWK_CONF_SITE("frwk_init_log_cfg_info"),   FRWK_ERROR_NOT_FOUND,
 };
 
 int frwk_init_log_cfg_info(void)
 {
     frwk_conf_writer writer(conf, FRWK_CONF_HERE);
-    return frwk_conf_write_default(conf);
+    return frwk_conf_write_default(conf, writer);
 }
 
 /* The settings, the default ones where there are none yet. Null, reported, when they cannot be had. */
-static frwk_conf_doc_ptr open_for_change(const frwk_conf_site_t &site, frwk_xml_node_t **root)
+static frwk_conf_doc_ptr open_for_change(const frwk_conf_site_t &site, const frwk_conf_writer &writer,
+                                         frwk_xml_node_t **root)
 {
-    frwk_conf_found_t found = frwk_conf_settle(conf);
+    frwk_conf_found_t found = frwk_conf_settle(conf, writer);
     if (frwk_conf_missing(found)) {
-        frwk_conf_write_default(conf); /* a failure shows in what is found then */
-        found = frwk_conf_settle(conf);
+        frwk_conf_write_default(conf, writer); /* a failure shows in what is found then */
+        found = frwk_conf_settle(conf, writer);
     }
     return frwk_conf_take(conf, site, std::move(found), root);
 }
@@ -66,11 +61,11 @@ int frwk_set_trace_info(uint32_t module_id, int mode, const char *level)
     }
     frwk_conf_writer writer(conf, site);
     frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = open_for_change(site, &root);
+    frwk_conf_doc_ptr doc = open_for_change(site, writer, &root);
     if (doc == nullptr) {
         return FRWK_ERROR_CONFIG_FILE;
     }
-    if (!set_entry(site, root, module_id, " ", mode, level) || !frwk_conf_save(conf, site, doc.get())) {
+    if (!set_entry(site, root, module_id, " ", mode, level) || !frwk_conf_save(conf, site, writer, doc.get())) {
         return -1;
     }
     return FRWK_ERROR_SUCCESS;
@@ -81,7 +76,7 @@ int frwk_all_set_trace_info(int mode, const char *level)
     const frwk_conf_site_t site = FRWK_CONF_HERE;
     frwk_conf_writer writer(conf, site);
     frwk_xml_node_t *root;
-    frwk_conf_doc_ptr doc = open_for_change(site, &root);
+    frwk_conf_doc_ptr doc = open_for_change(site, writer, &root);
     if (doc == nullptr) {
         return FRWK_ERROR_CONFIG_FILE;
     }
@@ -90,21 +85,21 @@ int frwk_all_set_trace_info(int mode, const char *level)
             return -1;
         }
     }
-    return frwk_conf_save(conf, site, doc.get()) ? FRWK_ERROR_SUCCESS : FRWK_ERROR_NOT_FOUND;
+    return frwk_conf_save(conf, site, writer, doc.get()) ? FRWK_ERROR_SUCCESS : FRWK_ERROR_NOT_FOUND;
 }
 
 static void load_entry(const frwk_conf_site_t &site, frwk_xml_node_t *entry)
 {
     frwk_xml_node_t *mode = frwk_xml_get_child_node(entry, "mode");
     if (mode == nullptr || mode->len > MODE_LEN_MAX) {
-        FRWK_CONF_ERR(site, "get mode from '%s' failed", conf.path);
+        FRWK_CONF_ERR(site, "get mode from '%s' failed", conf.place.path);
         return;
     }
     frwk_debug_enable(atoi(mode->value));
 
     frwk_xml_node_t *level = frwk_xml_get_child_node(entry, "level");
     if (level == nullptr) {
-        FRWK_CONF_ERR(site, "get level from '%s' failed", conf.path);
+        FRWK_CONF_ERR(site, "get level from '%s' failed", conf.place.path);
         return;
     }
     int value = frwk_level_match(level->value);

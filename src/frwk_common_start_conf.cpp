@@ -11,7 +11,7 @@
 
 #include <stdlib.h>
 
-#define START_CONF "/usrdata/odm/start_conf.xml"
+#define START_CONF FRWK_CONF_DIR "/start_conf.xml"
 
 enum { MONITOR_TIMEOUT_S = 3 };
 
@@ -30,9 +30,8 @@ static bool fill_default(const frwk_conf_site_t &site, frwk_xml_node_t *element,
 }
 
 static const frwk_conf_t conf = {
-    START_CONF,
+    {START_CONF, START_CONF ".new", FRWK_CONF_DIR},
     START_CONF ".bak",
-    START_CONF ".new",
     "start",
     0,
     fill_default,
@@ -120,7 +119,7 @@ int frwk_get_app_monitor_conf(uint32_t module_id)
 int frwk_init_app_start_cfg_file(void)
 {
     frwk_conf_writer writer(conf, FRWK_CONF_HERE);
-    return frwk_conf_write_default(conf);
+    return frwk_conf_write_default(conf, writer);
 }
 
 /* Sets one setting of one module and saves. */
@@ -131,14 +130,14 @@ static int set_and_save(const frwk_conf_site_t &site, uint32_t module_id, const 
         return FRWK_ERROR_INVALID_PARAM;
     }
     frwk_conf_writer writer(conf, site);
-    frwk_conf_found_t found = frwk_conf_settle(conf);
+    frwk_conf_found_t found = frwk_conf_settle(conf, writer);
     if (frwk_conf_missing(found)) {
-        int rc = frwk_conf_write_default(conf);
+        int rc = frwk_conf_write_default(conf, writer);
         if (rc != FRWK_ERROR_SUCCESS) {
             FRWK_CONF_ERR(site, "frwk_init_app_start_cfg_file failed!");
             return rc;
         }
-        found = frwk_conf_settle(conf);
+        found = frwk_conf_settle(conf, writer);
     }
     frwk_xml_node_t *root;
     frwk_conf_doc_ptr doc = frwk_conf_take(conf, site, std::move(found), &root);
@@ -146,7 +145,8 @@ static int set_and_save(const frwk_conf_site_t &site, uint32_t module_id, const 
         return FRWK_ERROR_CONFIG_FILE;
     }
     frwk_xml_node_t *entry = frwk_conf_find_or_add(conf, site, root, frwk_module_name(module_id), " ");
-    if (entry == nullptr || !frwk_conf_set(site, entry, name, text, " ") || !frwk_conf_save(conf, site, doc.get())) {
+    if (entry == nullptr || !frwk_conf_set(site, entry, name, text, " ") ||
+        !frwk_conf_save(conf, site, writer, doc.get())) {
         return -1;
     }
     return FRWK_ERROR_SUCCESS;

@@ -1720,43 +1720,66 @@ static save_outcome replace_file(const char *path, const char *backup, const frw
     return SAVED;
 }
 
-/* Creates a file, never through a link, and brings its content to the disk. */
-static save_outcome write_synced(const char *path, const frwk_buffer_t *text, file_id *id)
+/* Brings the content to the disk. */
+static save_outcome write_synced(int fd, const frwk_buffer_t *text, file_id *id)
 {
-    remove(path); /* left by a writer that was cut off */
-    unique_fd fd(static_cast<int>(
-        TEMP_FAILURE_RETRY(open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, FILE_MODE))));
-    if (fd.get() < 0) {
-        return NOT_CREATED;
-    }
-    *id = id_of_open(fd.get());
+    *id = id_of_open(fd);
     size_t len = static_cast<size_t>(text->len);
     for (size_t done = 0; done < len;) {
-        ssize_t n = TEMP_FAILURE_RETRY(write(fd.get(), text->bp + done, len - done));
+        ssize_t n = TEMP_FAILURE_RETRY(write(fd, text->bp + done, len - done));
         if (n <= 0) {
             return NOT_WRITTEN;
         }
         done += static_cast<size_t>(n);
     }
-    return fsync(fd.get()) == 0 ? SAVED : NOT_WRITTEN;
+    return fsync(fd) == 0 ? SAVED : NOT_WRITTEN;
 }
 
-/* Puts a file that was prepared under another name in place in one step. */
-static save_outcome place_file(const char *path, const char *fresh, const frwk_buffer_t *text)
+/* Gives a name to a file that has none. */
+static bool name_file(int fd, const char *path)
+{
+    char own_link[32];
+    sprintf_s(own_link, sizeof own_link, "/proc/self/fd/%d", fd);
+    remove(path);
+    return linkat(AT_FDCWD, own_link, AT_FDCWD, path, AT_SYMLINK_FOLLOW) == 0;
+}
+
+/*
+ * Makes a file with the content. It gets its name when it is whole and on the disk, so that no other writer can put a
+ * piece of it in place; where the file system cannot do that, it has the name from the beginning.
+ */
+static save_outcome prepare_file(const frwk_xml_place_t &place, const frwk_buffer_t *text, file_id *id)
+{
+    unique_fd unnamed(
+        static_cast<int>(TEMP_FAILURE_RETRY(open(place.directory, O_WRONLY | O_TMPFILE | O_CLOEXEC, FILE_MODE))));
+    if (unnamed.get() >= 0) {
+        save_outcome outcome = write_synced(unnamed.get(), text, id);
+        if (outcome != SAVED || name_file(unnamed.get(), place.fresh)) {
+            return outcome;
+        }
+    }
+    remove(place.fresh); /* left by a writer that was cut off; or a link, which is not followed */
+    unique_fd named(static_cast<int>(
+        TEMP_FAILURE_RETRY(open(place.fresh, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, FILE_MODE))));
+    return named.get() < 0 ? NOT_CREATED : write_synced(named.get(), text, id);
+}
+
+/* Puts a file in place in one step. */
+static save_outcome place_file(const frwk_xml_place_t &place, const frwk_buffer_t *text)
 {
     file_id id = {};
-    save_outcome outcome = write_synced(fresh, text, &id);
-    if (outcome == SAVED && (!is_named(id, fresh) || rename(fresh, path) != 0)) {
+    save_outcome outcome = prepare_file(place, text, &id);
+    if (outcome == SAVED && (!is_named(id, place.fresh) || rename(place.fresh, place.path) != 0)) {
         outcome = NOT_CREATED;
     }
     if (outcome != SAVED) {
-        if (is_named(id, fresh)) {
-            remove(fresh);
+        if (is_named(id, place.fresh)) {
+            remove(place.fresh);
         }
         return outcome;
     }
     sync();
-    return is_named(id, path) ? SAVED : NOT_WRITTEN;
+    return is_named(id, place.path) ? SAVED : NOT_WRITTEN;
 }
 
 /* Both ways of saving report as the public one. */
@@ -1818,14 +1841,14 @@ int frwk_xml_file_save(frwk_xml_doc_t *doc, const char *path)
     return report_save(outcome, doc->file_name);
 }
 
-int frwk_xml_file_place(const frwk_xml_doc_t *doc, const char *path, const char *fresh)
+int frwk_xml_file_place(const frwk_xml_doc_t *doc, const frwk_xml_place_t &place)
 {
     cancel_guard uncancelled;
     frwk_buffer_t text;
-    if (!make_text(doc, path, &text)) {
+    if (!make_text(doc, place.path, &text)) {
         return FRWK_ERROR_NO_MEMORY;
     }
-    save_outcome outcome = place_file(path, fresh, &text);
+    save_outcome outcome = place_file(place, &text);
     frwk_buffer_free(&text);
-    return report_save(outcome, path);
+    return report_save(outcome, place.path);
 }

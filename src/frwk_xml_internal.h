@@ -29,11 +29,17 @@ frwk_xml_read_t frwk_xml_file_read(const char *path);
 /* The messages of frwk_xml_file_parse() on what was read; none where it parsed. */
 void frwk_xml_trace_failure(const frwk_xml_read_t &read, const char *path);
 
+/* Where a file goes that is put in place in one step. */
+struct frwk_xml_place_t {
+    const char *path;
+    const char *fresh;     /* what it is called until then */
+    const char *directory; /* of both */
+};
+
 /*
- * Saves the document like frwk_xml_file_save(), with its messages and results, but in one step: under the name `fresh`
- * first, then renamed to `path`. So there is no instant without a whole file, and none with a piece where no file was.
- * A failure leaves what was there.
+ * Saves the document like frwk_xml_file_save(), with its messages and results, but in one step: there is no instant
+ * without a whole file under the path, no backup, and a failure leaves what was there.
  */
-int frwk_xml_file_place(const frwk_xml_doc_t *doc, const char *path, const char *fresh);
+int frwk_xml_file_place(const frwk_xml_doc_t *doc, const frwk_xml_place_t &place);
 
 #endif

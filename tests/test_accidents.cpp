@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 
 #include <map>
-#include <optional>
 #include <set>
 
 #include "conf_test.h"
@@ -68,13 +67,15 @@ const Subject start_settings = {
 // The file after these acts on what is there now and the one that meets no fault, beside which nothing stays.
 std::string followed(const Subject &subject, const std::vector<Act> &acts = {})
 {
-    for (const Act &act : acts) {
-        act();
-    }
-    EXPECT_EQ(0, subject.next());
-    const Files files = snapshot();
-    EXPECT_TRUE(files.size() == 1 && files.count(subject.path) == 1) << testing::PrintToString(files);
-    return files.begin()->second;
+    const auto change = [&subject](const Act &act) {
+        const int rc = act();
+        const Files files = snapshot();
+        EXPECT_TRUE(files.size() == 1 && files.count(subject.path) == 1) << testing::PrintToString(files);
+        return rc;
+    };
+    std::for_each(acts.begin(), acts.end(), change);
+    EXPECT_EQ(0, change(subject.next));
+    return read_file(subject.path);
 }
 
 std::string followed(const Subject &subject, const Files &from, const std::vector<Act> &acts = {})
@@ -83,27 +84,45 @@ std::string followed(const Subject &subject, const Files &from, const std::vecto
     return followed(subject, acts);
 }
 
-// What a writer leaves when it is cut off there, and when it is not: the directory before each of its calls, and with a
-// half of what a write should have written.
-std::set<Files> states_of(const Files &before, const Act &writer)
+// What a writer leaves when it is cut off: the directory before each of its calls and after the last, and where it has
+// just written a file, what a part of that would be; one part ends with an end tag, so that it parses. All this also
+// where the file system cannot give a name to a file that has none.
+std::set<Files> states_of(const Subject &subject, const Files &before, const Act &writer)
 {
-    restore(before);
+    static const Fault no_link = {"linkat", EOPNOTSUPP};
     std::set<Files> states;
-    const std::function<void(const char *)> note = [&states](const char *) { states.insert(snapshot()); };
-    before_call = &note;
-    writer();
-    before_call = nullptr;
-    states.insert(snapshot());
+    const std::function<void(const char *)> note = [&](const char *call) {
+        Files state = snapshot();
+        states.insert(state);
+        const bool saves = call == std::string("fflush"), places = call == std::string("fsync");
+        const auto written = state.find(subject.path + (places ? ".new" : ""));
+        if ((saves || places) && written != state.end()) {
+            const std::string text = written->second;
+            for (const size_t size : {text.size() / 2, text.rfind("   </") + 5}) {
+                written->second = text.substr(0, text.find('>', size) + (size != text.size() / 2));
+                states.insert(state);
+            }
+        }
+    };
+    for (const bool can_link : {true, false}) {
+        restore(before);
+        fault_after(can_link ? INT_MAX : 1, no_link, true);
+        before_call = &note;
+        writer();
+        before_call = nullptr;
+        no_more_faults();
+        states.insert(snapshot());
+    }
     return states;
 }
 
 // ---- states times faults
 
-const Fault file_faults[] = {{"malloc", ENOMEM}, {"open", EMFILE},         {"flock", ENOLCK}, {"fopen", EACCES},
-                             {"fread", EIO},     {"fwrite", ENOSPC},       {"write", ENOSPC}, {"write", 0},
-                             {"fflush", EIO},    {"fclose", EIO},          {"fsync", EIO},    {"rename", ENOSPC},
-                             {"remove", EIO},    {"access", EACCES},       {"lstat", EIO},    {"fstat", EIO},
-                             {"fcntl", EMFILE},  {"inotify_init1", EMFILE}};
+const Fault file_faults[] = {{"malloc", ENOMEM}, {"open", EMFILE},   {"flock", ENOLCK},        {"fopen", EACCES},
+                             {"fread", EIO},     {"fwrite", ENOSPC}, {"write", ENOSPC},        {"write", 0},
+                             {"fflush", EIO},    {"fclose", EIO},    {"fsync", EIO},           {"rename", ENOSPC},
+                             {"remove", EIO},    {"access", EACCES}, {"lstat", EIO},           {"fstat", EIO},
+                             {"fcntl", EMFILE},  {"linkat", ENOENT}, {"inotify_init1", EMFILE}};
 
 enum End { NOT_REACHED, ACKNOWLEDGED, REFUSED };
 
@@ -139,14 +158,14 @@ int stride_of(const std::string &call, bool lasts, bool is_deep)
     if (getenv("FRWK_ACCIDENTS") != nullptr) { // whatever it says: all
         return 1;
     }
-    return (call == "malloc" ? 5 : 1) * (lasts ? 3 : 1) * (is_deep ? 5 : 1) * (emulated() || OWN_ALLOCATOR ? 7 : 1);
+    return (call == "malloc" ? 5 : 1) * (lasts ? 3 : 1) * (is_deep ? 11 : 1) * (emulated() || OWN_ALLOCATOR ? 7 : 1);
 }
 
 // One act on one state with every fault. The number of faults.
 int meet_faults(const Subject &subject, const Files &state, int state_number, const Act &act, bool reads, bool is_deep)
 {
     const std::string without = followed(subject, state);
-    const std::string with = followed(subject, state, {act});
+    const std::string with = reads ? without : followed(subject, state, {act});
     int count = 0;
     for (const Fault &chosen : file_faults) {
         const int calls = count_calls(chosen, state, act); // none of malloc where that is not ours
@@ -159,7 +178,7 @@ int meet_faults(const Subject &subject, const Files &state, int state_number, co
                 count++;
                 const bool unread = !reads || snapshot() == state;
                 const std::string found = followed(subject);
-                EXPECT_TRUE(unread && (found == with || (found == without && (reads || end != ACKNOWLEDGED))))
+                EXPECT_TRUE(unread && (found == with || (found == without && end != ACKNOWLEDGED)))
                     << chosen.call << " " << strerror(chosen.error) << (lasts ? " for good" : "") << " at call " << n
                     << " on " << testing::PrintToString(state) << (unread ? "" : "\nreading has changed something")
                     << (end == ACKNOWLEDGED ? "\nacknowledged: " : "\nrefused: ") << found;
@@ -178,7 +197,7 @@ std::set<Files> all_states(const Subject &subject, const std::set<Files> &before
         for (const auto &[name, writer] : subject.writers) {
             SCOPED_TRACE(name);
             const std::string new_text = followed(subject, before, {writer});
-            for (const Files &state : states_of(before, writer)) {
+            for (const Files &state : states_of(subject, before, writer)) {
                 const std::string found = followed(subject, state);
                 EXPECT_TRUE(found == old_text || found == new_text) << testing::PrintToString(state) << found;
                 all.insert(state);
@@ -222,73 +241,136 @@ TEST(Accidents, StartSettings)
 
 // ---- two writers
 
-// The second writer comes at the n-th call of the first, which has held the lock for so long that the second goes on
-// without it: the results of both, none where there were not as many calls.
-std::optional<std::pair<bool, bool>> meet(const Act &first, const Act &second, int n)
+// The first writer has had the lock for so long, at its n-th call, that the second goes on without it. At its m-th call
+// the second one is late, too: the first ends meanwhile, and then the second is killed there or goes on. Which of them
+// were acknowledged, and whether there were as many calls.
+struct Encounter {
+    bool first_reached, second_reached, first_acknowledged, second_acknowledged;
+};
+
+Encounter meet(const Act &first, const Act &second, int n, int m, bool is_killed)
 {
+    static const Fault no_lock = {"flock", ENOLCK};
+    int reached[2], ended[2]; // pipes: the second is at its m-th call; the first has ended
+    EXPECT_TRUE(pipe(reached) == 0 && pipe(ended) == 0);
+    const std::function<void(const char *)> wait_in_second = [&](const char *) {
+        char byte = 0;
+        if (--m == 0) {
+            (void)!write(reached[1], "", 1);
+            (void)!read(ended[0], &byte, 1);
+            if (is_killed) {
+                _exit(REFUSED);
+            }
+        }
+    };
+    const auto fork_second = [&] {
+        const pid_t pid = fork();
+        if (pid == 0) {
+            close(ended[1]);
+            before_call = &wait_in_second;
+            fault_after(1, no_lock, true);
+            const int rc = second();
+            _exit(rc == 0 ? ACKNOWLEDGED : REFUSED);
+        }
+        return pid;
+    };
     fflush(nullptr);
     const pid_t pid = fork();
     if (pid == 0) {
         alarm(30);
-        static const Fault no_lock = {"flock", ENOLCK};
-        End other = NOT_REACHED;
+        pid_t other = -1;
+        char byte = 0;
+        bool second_reached = false;
         const std::function<void(const char *)> note = [&](const char *) {
             if (--n == 0) {
-                other = act_with(no_lock, true, 1, second);
+                other = fork_second();
+                close(reached[1]);
+                second_reached = read(reached[0], &byte, 1) == 1;
             }
         };
         before_call = &note;
         const int rc = first();
-        _exit(other == NOT_REACHED ? 0 : 1 + (rc == 0) * 2 + (other == ACKNOWLEDGED) * 4);
+        before_call = nullptr;
+        close(ended[1]);
+        int status = 0;
+        waitpid(other, &status, 0);
+        const bool second_acknowledged = WIFEXITED(status) && WEXITSTATUS(status) == ACKNOWLEDGED;
+        _exit((other != -1) + second_reached * 2 + (rc == 0) * 4 + second_acknowledged * 8);
+    }
+    for (const int fd : {reached[0], reached[1], ended[0], ended[1]}) {
+        close(fd);
     }
     int status = 0;
     waitpid(pid, &status, 0);
     EXPECT_TRUE(WIFEXITED(status)) << "wait status " << status;
-    const int ends = WEXITSTATUS(status);
-    return ends == 0 ? std::nullopt : std::optional(std::pair((ends & 2) != 0, (ends & 4) != 0));
+    const int bits = WEXITSTATUS(status);
+    return {(bits & 1) != 0, (bits & 2) != 0, (bits & 4) != 0, (bits & 8) != 0};
 }
 
-// At least the later of two that were acknowledged is there, and the earlier one unless it was saved while the other
-// had the file read already.
-void check_two_writers(const Subject &subject)
+// At least the one that was acknowledged last is there; the other may have been saved while this one had the file read.
+int check_encounters(const Subject &subject, const Files &before, const Act &first, const Act &second, bool is_killed)
 {
-    restore({});
-    EXPECT_EQ(0, subject.earlier());
-    const Files before = snapshot();
+    const auto file_after = [&](const std::vector<Act> &acts) { return followed(subject, before, acts); };
+    const std::string both = file_after({first, second}), other_way_round = file_after({second, first});
+    const std::set<std::string> with_first = {file_after({first}), both, other_way_round};
+    const std::set<std::string> with_second = {file_after({second}), both, other_way_round};
+    const std::string with_neither = file_after({});
     int count = 0;
-    for (const auto &[first_name, first] : subject.writers) {
-        for (const auto &[second_name, second] : subject.writers) {
-            const std::string none = followed(subject, before);
-            const std::set<std::string> with_first = {followed(subject, before, {first}),
-                                                      followed(subject, before, {first, second}),
-                                                      followed(subject, before, {second, first})};
-            const std::set<std::string> with_second = {followed(subject, before, {second}),
-                                                       followed(subject, before, {first, second}),
-                                                       followed(subject, before, {second, first})};
-            for (int n = 1; !testing::Test::HasFailure(); n++) {
-                SCOPED_TRACE(second_name + " at call " + std::to_string(n) + " of " + first_name);
-                restore(before);
-                const auto ends = meet(first, second, n);
-                if (!ends) {
-                    break;
-                }
-                count++;
-                const std::string found = followed(subject);
-                const bool any = with_first.count(found) + with_second.count(found) != 0 || found == none;
-                EXPECT_TRUE(ends->first    ? with_first.count(found)
-                            : ends->second ? with_second.count(found)
-                                           : any)
-                    << ends->first << ends->second << found;
-            }
+    for (int n = 1, m = 1; !testing::Test::HasFailure();) {
+        restore(before);
+        const Encounter ends = meet(first, second, n, m, is_killed);
+        if (!ends.first_reached) {
+            break;
         }
+        count++;
+        const std::string found = followed(subject);
+        const bool has_first = with_first.count(found) != 0, has_second = with_second.count(found) != 0;
+        const bool is_there = ends.first_acknowledged && ends.second_acknowledged ? has_first || has_second
+                              : ends.first_acknowledged                           ? has_first
+                              : ends.second_acknowledged                          ? has_second
+                                                         : has_first || has_second || found == with_neither;
+        EXPECT_TRUE(is_there) << "calls " << n << " and " << m << (is_killed ? ", killed" : "") << ", acknowledged "
+                              << ends.first_acknowledged << " and " << ends.second_acknowledged << ": " << found;
+        n = ends.second_reached ? n : n + 1;
+        m = ends.second_reached ? m + 1 : 1;
     }
-    printf("%s: %d encounters of two writers\n", subject.path.c_str(), count);
+    return count;
 }
 
 TEST(Accidents, TwoWritersWithoutTheLock)
 {
-    check_two_writers(log_settings);
-    check_two_writers(start_settings);
+    for (const Subject *subject : {&log_settings, &start_settings}) {
+        restore({});
+        EXPECT_EQ(0, subject->earlier());
+        const Files before = snapshot();
+        const Act setter = subject->writers.front().second, by_default = subject->writers.back().second;
+        const std::pair<Act, Act> pairs[] = {
+            {setter, subject->writers[1].second}, {setter, by_default}, {by_default, setter}, {by_default, by_default}};
+        int count = 0;
+        for (const auto &[first, second] : pairs) {
+            for (const bool is_killed : {false, true}) {
+                SCOPED_TRACE(subject->path);
+                count += check_encounters(*subject, before, first, second, is_killed);
+            }
+        }
+        printf("%s: %d encounters of two writers\n", subject->path.c_str(), count);
+    }
+}
+
+// The settings are in the backup, which cannot be renamed back.
+TEST(Accidents, RefusedWhileInDoubt)
+{
+    static const Fault no_rename = {"rename", ENOSPC};
+    for (const Subject *subject : {&log_settings, &start_settings}) {
+        restore({});
+        EXPECT_EQ(0, subject->earlier());
+        const Files state = {{subject->path + ".bak", read_file(subject->path)}};
+        restore(state);
+        fault_after(1, no_rename, true);
+        EXPECT_EQ(FRWK_ERROR_CONFIG_FILE, subject->writers.front().second());
+        EXPECT_TRUE(no_more_faults());
+        EXPECT_EQ(state, snapshot());
+    }
 }
 
 // A whole new file that this user may not read, and a stale backup that he may.

@@ -171,6 +171,35 @@ TEST(Faults, Requests)
     drive({{"sync", become_tool, sync, 0, false, failed}, {"async", become_tool, async, 15, false, failed}});
 }
 
+// What a thread holds is given back where it is cancelled after the connection was refused.
+TEST(Faults, CancelledAsItIsRefused)
+{
+    become_tool();
+    const std::function<void(const char *)> cancel = [](const char *call) {
+        if (call == std::string("connect")) {
+            pthread_cancel(pthread_self());
+        }
+    };
+    const Fault refused = {"connect", ECONNREFUSED};
+    const int fds = count_fds(getpid());
+    before_call = &cancel;
+    fault_after(1, refused, true);
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(
+                     &thread, nullptr,
+                     [](void *) -> void * {
+                         frwk_ipc_msg_notify(FRWK_MODULE_QMUXD, 7, nullptr, 0);
+                         pthread_testcancel();
+                         return nullptr;
+                     },
+                     nullptr));
+    void *end = nullptr;
+    pthread_join(thread, &end);
+    before_call = nullptr;
+    EXPECT_TRUE(no_more_faults() && end == PTHREAD_CANCELED);
+    EXPECT_EQ(fds, count_fds(getpid()));
+}
+
 // A module whose service has some stacks of threads in the C library's store.
 void serve()
 {

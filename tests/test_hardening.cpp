@@ -116,15 +116,16 @@ TEST(Hardening, SignalsChangeNoAnswer)
     std::atomic<bool> done{false};
     Capture quiet;
     std::thread worker([&] {
-        std::string body(60000, 'x');
+        std::string body(36000, 'x'); // what arrives in one piece
         std::string rsp(body.size(), '\0');
         for (int i = 0; i < 100; i++) {
             int32_t result = -1;
             memcpy(&body[0], &i, sizeof i);
-            EXPECT_EQ(0,
-                      frwk_ipc_send_sync(FRWK_MODULE_QMUXD, MSG_ECHO, body.data(), 60000, &rsp[0], 60000, 1, &result));
+            EXPECT_EQ(0, frwk_ipc_send_sync(FRWK_MODULE_QMUXD, MSG_ECHO, body.data(), static_cast<int>(body.size()),
+                                            &rsp[0], static_cast<int>(rsp.size()), 1, &result));
             EXPECT_TRUE(result == 0 && rsp == body);
-            EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(FRWK_MODULE_QMUXD, MSG_ECHO, body.data(), 60000, 1));
+            EXPECT_EQ(FRWK_ERROR_ASYNC,
+                      frwk_ipc_send_async(FRWK_MODULE_QMUXD, MSG_ECHO, body.data(), static_cast<int>(body.size()), 1));
         }
         for (int i = 0; i < 20; i++) {
             const std::string text = std::to_string(i);
@@ -186,6 +187,8 @@ TEST(Hardening, CancelledInEveryCall)
     static sem_t sem;
     frwk_sem_create(&sem);
     static const std::string big(8000000, 'x'); // more than a socket holds
+    static char value[4];
+    ASSERT_EQ(0, mkfifo("/tmp/fifo", 0600));
     const auto send = [](uint32_t to, size_t size) {
         frwk_ipc_send_sync(to, MSG_ECHO, big.data(), static_cast<int>(size), nullptr, 0, 60, nullptr);
     };
@@ -200,6 +203,7 @@ TEST(Hardening, CancelledInEveryCall)
         {"broadcast", [] { frwk_ipc_msg_broadcast_data(MSG_ECHO, "x", 1); }},
         {"status", [] { frwk_get_module_status(FRWK_MODULE_MBIMD); }},
         {"handler", [&] { send(FRWK_MODULE_QMUXD, 1); }},
+        {"value", [] { frwk_get_file_value("/tmp/fifo", value, sizeof value); }},
         {"command", [] { frwk_system("sleep 60"); }}};
     for (const auto &[name, call] : calls) {
         SCOPED_TRACE(name);

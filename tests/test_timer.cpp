@@ -83,9 +83,18 @@ TEST(Timer, IdsAndOrder)
     EXPECT_EQ(&late, frwk_timer_stop(7));
 }
 
-// Callbacks start and stop timers too; a timer that is just fired is unknown by then.
+// Callbacks start and stop timers too; a timer that is just fired is unknown by then. None fires during a callback, so
+// that one can be overdue while one with the longest delay is started.
 void play(int number, void *)
 {
+    fixed_uptime = seconds(10);
+    EXPECT_EQ(7, frwk_timer_start(1, nullptr, 500));
+    fixed_uptime = seconds(11);
+    EXPECT_EQ(8, frwk_timer_start(2, nullptr, INT_MAX));
+    EXPECT_EQ("7:1 5:5 8:2", pending());
+    frwk_timer_stop(7);
+    frwk_timer_stop(8);
+    fixed_uptime = -1;
     FRWK_INFO("%s %s", frwk_timer_stop(5) == &data ? "stopped" : "gone",
               frwk_timer_stop(6) == &data ? "kept" : "taken");
     frwk_timer_cb_start(number + 1, own, &data, 500);

@@ -121,6 +121,11 @@ TEST(Assert, EndsTheProcessUnlessItHolds)
         }
     });
     EXPECT_TRUE(failed.aborted() && failed.err == text) << failed;
+    const Result cancelled = run_child([] {
+        pthread_cancel(pthread_self());
+        frwk_assert_debug(0, "x", "f.c", "g", 1);
+    });
+    EXPECT_TRUE(cancelled.aborted()) << "the thread alone has ended " << cancelled;
     const Result cut = run_child([] { frwk_assert_debug(0, std::string(3000, 'n').c_str(), "f.c", "g", 1); });
     EXPECT_TRUE(cut.aborted() && cut.err.size() <= 1023) << cut;
     const std::vector<SyslogLine> lines = sink.wait_for(1);

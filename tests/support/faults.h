@@ -181,6 +181,8 @@ STAND_IN(int, flock, (int fd, int operation), (fd, operation), -1, noexcept)
 STAND_IN(int, access, (const char *path, int mode), (path, mode), -1, noexcept)
 STAND_IN(int, lstat, (const char *path, struct stat *status), (path, status), -1, noexcept)
 STAND_IN(int, fstat, (int fd, struct stat *status), (fd, status), -1, noexcept)
+STAND_IN(int, linkat, (int from_dir, const char *from, int to_dir, const char *to, int flags),
+         (from_dir, from, to_dir, to, flags), -1, noexcept)
 STAND_IN(int, inotify_init1, (int flags), (flags), -1, noexcept)
 // clang-format on
 int open(const char *path, int flags, ...)
