@@ -180,7 +180,7 @@ TEST(Faults, CancelledAsItIsRefused)
             pthread_cancel(pthread_self());
         }
     };
-    const Fault refused = {"connect", ECONNREFUSED};
+    static const Fault refused = {"connect", ECONNREFUSED};
     const int fds = count_fds(getpid());
     before_call = &cancel;
     fault_after(1, refused, true);
@@ -339,7 +339,7 @@ TEST(Faults, OrderOfASave)
     const auto set = [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "-q"); };
     put_files();
     EXPECT_EQ("open flock remove remove rename fopen fwrite fflush fclose sync remove flock ", order(set));
-    EXPECT_EQ("open flock remove remove open write fsync rename sync remove flock ",
+    EXPECT_EQ("open flock remove open write fsync remove linkat rename sync remove flock ",
               order(frwk_init_app_start_cfg_file));
 }
 

@@ -42,7 +42,8 @@ inline std::atomic<int> calls_until_fault{INT_MAX};                        // of
 inline std::atomic<int> live_blocks{0};                                    // but for those of is_loader()
 inline const std::function<void(const char *call)> *before_call = nullptr; // of the library; not where it allocates
 
-// From here on the n-th such call of the library fails, and those behind it where the fault lasts.
+// From here on the n-th such call of the library fails, and those behind it where the fault lasts. It is referred to
+// for as long as the library runs.
 inline void fault_after(int n, const Fault &chosen, bool lasts)
 {
     fault = &chosen;
