@@ -2,8 +2,13 @@
  * @file frwk.h
  * The whole public interface of libfrwk, the runtime library of the device's daemons.
  *
- * Every header may also be included alone. All functions have C linkage, and unless a function says otherwise any
- * thread may call it at any time.
+ * Every header may also be included alone. All functions have C linkage. Unless a function says otherwise
+ * - any thread may call it at any time, but no signal handler;
+ * - it is no cancellation point;
+ * - a pointer that it takes must not be null, stays the caller's, and is not used after the call;
+ * - `errno` means nothing afterwards.
+ *
+ * Lengths and sizes are in bytes.
  */
 #ifndef FRWK_H
 #define FRWK_H

@@ -3,7 +3,8 @@
  * Tables with string keys and typed values, named by small integer handles.
  *
  * The number of buckets is fixed at creation. No function takes a lock: a module uses its tables from one thread at a
- * time or guards every call, creation included, with one mutex of its own.
+ * time or guards every call, creation included, with one mutex of its own. A handle that names no table is traced and
+ * fails the call; one that was freed may name a newer table.
  */
 #ifndef FRWK_HASH_H
 #define FRWK_HASH_H
@@ -15,7 +16,11 @@
 FRWK_BEGIN_DECLS
 
 /** Types of a value. */
-enum { FRWK_HASH_TYPE_INTEGER = 6, FRWK_HASH_TYPE_STRING = 12, FRWK_HASH_TYPE_SYMBOL = 18 };
+enum {
+    FRWK_HASH_TYPE_INTEGER = 6, /**< An integer. */
+    FRWK_HASH_TYPE_STRING = 12, /**< A text, the caller's or a copy. */
+    FRWK_HASH_TYPE_SYMBOL = 18  /**< A pointer of the caller's. */
+};
 
 /** A typed value. */
 typedef struct {
@@ -28,7 +33,7 @@ typedef struct {
 /** An entry, owned by its table. */
 typedef struct frwk_hash_entry {
     struct frwk_hash_entry *next; /**< Next entry of the bucket. */
-    frwk_hash_value_t key;        /**< The table's copy of the key. */
+    frwk_hash_value_t key;        /**< The table's copy of the key, part of the entry; not to be changed or freed. */
     frwk_hash_value_t value;      /**< As it was entered. */
     int32_t bucket;               /**< Index of the bucket. */
 } frwk_hash_entry_t;
@@ -36,48 +41,89 @@ typedef struct frwk_hash_entry {
 /**
  * Creates a table.
  * @param size  wanted number of buckets; the largest prime not above it is used, 31 for 2 and below
- * @return a handle, the lowest that is free, from 0 on; -1 when memory is short
+ * @return a handle, the lowest that is free, from 0 on; -1, traced, when memory is short
  */
 FRWK_API int frwk_hash_create(int size);
 
-/** Frees a table with its entries, keys, and the values that it owns; the handle may be handed out again. */
+/**
+ * Frees a table with its entries, keys, and the values that it owns; the handle may be handed out again.
+ * @param handle  table
+ */
 FRWK_API void frwk_hash_free(int handle);
 
-/** @return a value that holds an integer. */
+/**
+ * Makes a value of an integer.
+ * @param integer  the integer
+ * @return the value
+ */
 FRWK_API frwk_hash_value_t frwk_hash_value_integer(int integer);
 
-/** @return a value that holds the caller's pointer; the table never frees it. */
+/**
+ * Makes a value of a pointer.
+ * @param symbol  the caller's, and never freed by a table; valid as long as an entry holds it. May be null.
+ * @return the value
+ */
 FRWK_API frwk_hash_value_t frwk_hash_value_symbol(void *symbol);
 
 /**
- * @param text  text; null stands for "" when it is copied
- * @param copy  not 0: the value holds a copy, which the table owns once it is entered; 0: it holds `text` itself
- * @return a value that holds a string; its `data` is 0 when the copy could not be made
+ * Makes a value of a text.
+ * @param text  text; may be null, which stands for "" when it is copied
+ * @param copy  not 0: the value holds a copy, which a table owns once it is entered, and which the caller ends with
+ *              free() otherwise; 0: it holds `text` itself, the caller's, valid as long as an entry holds it
+ * @return the value; its `data` is 0 when the copy could not be made
  */
 FRWK_API frwk_hash_value_t frwk_hash_value_string(const char *text, int copy);
 
 /**
- * Stores a value under a key; an older value is released, the entry and its place stay.
+ * Stores a value under a key. The value that was there is released, and pointers to a text that the table owned end
+ * with it; its entry and the entry's place stay.
  * @param handle  table
- * @param key     text, not null, copied
- * @param value   taken over by the table on success
- * @return the entry; null when memory is short or the handle is invalid, the value then stays the caller's
+ * @param key     text, copied; may be ""
+ * @param value   the table's on success; one with `need_free` may be in one entry only
+ * @return the entry, valid until its key is deleted or its table freed; null, traced, when memory is short, the handle
+ *         is invalid or the key null: the value then stays the caller's
  */
 FRWK_API frwk_hash_entry_t *frwk_hash_enter(int handle, const char *key, frwk_hash_value_t value);
 
-/** @return the entry, valid until its key is deleted or its table freed; null for an absent, null or empty key. */
+/**
+ * Looks up a key.
+ * @param handle  table
+ * @param key     text; "" is never found, although it can be entered
+ * @return the entry, valid until its key is deleted or its table freed; null for an absent key, and, traced, for a null
+ *         or empty one and an invalid handle
+ */
 FRWK_API frwk_hash_entry_t *frwk_hash_lookup(int handle, const char *key);
 
-/** @return the entry's `data` as a pointer, whatever its type; null when there is no such key. */
+/**
+ * Looks up the value of a key.
+ * @param handle  table
+ * @param key     text; not ""
+ * @return the entry's `data` as a pointer, whatever its type; null when that is 0, and, traced, when
+ *         frwk_hash_lookup() finds no entry
+ */
 FRWK_API void *frwk_hash_lookup_symbol(int handle, const char *key);
 
-/** @return 0 when the key was removed, -1 when it was not there. */
+/**
+ * Removes a key with its entry, and the value if the table owns it.
+ * @param handle  table
+ * @param key     text
+ * @return 0; -1, traced, when the key is absent or null or the handle invalid
+ */
 FRWK_API int frwk_hash_delete(int handle, const char *key);
 
-/** @return the first entry: buckets ascending, each in the order in which its keys were entered; null for none. */
+/**
+ * Begins a walk over the entries: buckets ascending, each in the order in which its keys were entered.
+ * @param handle  table
+ * @return the first entry; null for none, and, traced, for an invalid handle
+ */
 FRWK_API frwk_hash_entry_t *frwk_hash_first(int handle);
 
-/** @return the entry after `entry` (the first for null); null at the end. Take it before deleting `entry`. */
+/**
+ * Goes on with a walk. Take the next entry before deleting the one in hand.
+ * @param handle  table
+ * @param entry   an entry of that table; null for the first
+ * @return the entry after `entry`; null at the end, and, traced, for an invalid handle
+ */
 FRWK_API frwk_hash_entry_t *frwk_hash_next(int handle, const frwk_hash_entry_t *entry);
 
 FRWK_END_DECLS

@@ -2,8 +2,8 @@
  * @file frwk_list.h
  * Intrusive, circular, doubly linked lists.
  *
- * The head is a node that is no element; an element embeds a node. No function allocates, locks or fails; the owner of
- * a list guards it where several threads reach it.
+ * The head is a node that is no element; an element embeds a node, and is in one list at a time through it. No function
+ * allocates, locks or fails; the owner of a list guards it, readers included, where several threads reach it.
  */
 #ifndef FRWK_LIST_H
 #define FRWK_LIST_H
@@ -20,31 +20,66 @@ typedef struct frwk_list {
     struct frwk_list *prev; /**< Of a head the last element, of the first element the head. */
 } frwk_list_t;
 
-/** Makes `head` an empty list. */
+/**
+ * Makes an empty list.
+ * @param head  storage of the head; elements of an earlier list are not unlinked
+ */
 FRWK_API void frwk_list_init(frwk_list_t *head);
 
-/** Links `node` immediately after `pos`, an element or the head (then it becomes the first). */
+/**
+ * Links a node immediately after another.
+ * @param pos   a linked element, or the head: the node then becomes the first element
+ * @param node  a node that is in no list
+ */
 FRWK_API void frwk_list_insert(frwk_list_t *pos, frwk_list_t *node);
 
-/** Links `node` immediately before `head`: as the last element of a head's list, or before an element. */
+/**
+ * Links a node immediately before another.
+ * @param head  the head: the node then becomes the last element; or a linked element
+ * @param node  a node that is in no list
+ */
 FRWK_API void frwk_list_add(frwk_list_t *head, frwk_list_t *node);
 
-/** Unlinks `node`, a linked element, and sets both its members to null. Frees nothing. */
+/**
+ * Unlinks an element and sets both members of its node to null. Frees nothing.
+ * @param node  a linked element; neither a head nor a node that was unlinked before
+ */
 FRWK_API void frwk_list_del(frwk_list_t *node);
 
-/** @return 1 when the list is empty, else 0. */
+/**
+ * Tells whether a list is empty.
+ * @param head  the head
+ * @return 1 when it is, else 0
+ */
 FRWK_API int frwk_list_empty(const frwk_list_t *head);
 
-/** @return the number of elements; walks the whole list. */
+/**
+ * Counts the elements, by walking the whole list.
+ * @param head  the head
+ * @return their number
+ */
 FRWK_API int frwk_list_cont(const frwk_list_t *head);
 
-/** The record of type `type` that embeds `node` as its member `member`. */
+/**
+ * The record that embeds a node.
+ * @param node    the node, not null
+ * @param type    type of the record
+ * @param member  its member that is the node
+ */
 #define frwk_list_entry(node, type, member) ((type *)(void *)((char *)(node)-offsetof(type, member)))
 
-/** Walks the links of a list; the body must not unlink `pos`. */
+/**
+ * Walks the nodes of a list; the body must not unlink `pos`.
+ * @param pos   name of the variable, declared here, that points to each node in turn
+ * @param head  the head, evaluated once for every node
+ */
 #define frwk_list_for_each(pos, head) for (frwk_list_t *pos = (head)->next; pos != (head); pos = pos->next)
 
-/** Walks the links of a list; the body may unlink and free `pos`. */
+/**
+ * Walks the nodes of a list; the body may unlink and free `pos`, but not the node after it.
+ * @param pos   name of the variable, declared here, that points to each node in turn
+ * @param head  the head, evaluated once for every node
+ */
 #define frwk_list_for_each_safe(pos, head)                                                                             \
     for (frwk_list_t *pos = (head)->next, *pos##_next = pos->next; pos != (head);                                      \
          pos = pos##_next, pos##_next = pos->next)

@@ -12,15 +12,18 @@
 
 FRWK_BEGIN_DECLS
 
-/** Submodule ids run from FRWK_SUBMODULE_MIN up to, not including, FRWK_SUBMODULE_MAX. */
-enum { FRWK_SUBMODULE_MIN = 0, FRWK_SUBMODULE_MAX = 8 };
+/** The range of submodule ids. */
+enum {
+    FRWK_SUBMODULE_MIN = 0, /**< The first id. */
+    FRWK_SUBMODULE_MAX = 8  /**< One past the last id. */
+};
 
 #if defined(__clang__) && defined(__cplusplus)
 #pragma clang diagnostic push
 #pragma clang diagnostic ignored "-Wc99-extensions"
 #endif
 
-/** A message: one heap block, owned by the receiving callback, which ends it with free(). */
+/** A message: one block from malloc(), owned by the receiving callback, which ends it with free(). */
 typedef struct {
     frwk_list_t node;             /**< Link in the receiver's queue; free for the callback's own use. */
     uint32_t to;                  /**< Receiving submodule. */
@@ -41,23 +44,28 @@ typedef struct {
 typedef void (*frwk_submodule_cb_t)(frwk_submodule_msg_t *msg);
 
 /**
- * Creates the submodule `sid` for the life of the process; after frwk_module_init().
+ * Creates a submodule for the life of the process; after frwk_module_init(). Not for two threads at once with the same
+ * id.
  *
  * An id outside 0 to 7, a null callback, an id created before, or a thread that cannot be started ends the process by
- * an assertion. Not for two threads at once with the same id.
+ * an assertion.
+ *
+ * @param sid  its id, 0 to 7
+ * @param cb   its callback; may run before the call returns
  */
 FRWK_API void frwk_submodule_create(uint32_t sid, frwk_submodule_cb_t cb);
 
 /**
- * Sends a copy of the data to a submodule of this process. Never waits for the receiver; its queue has no limit.
+ * Sends a copy of the data to a submodule of this process, the calling one included. Never waits for the receiver; its
+ * queue has no limit.
  *
  * @param from  the sender, passed through unchecked
  * @param to    receiving submodule, 0 to 7
- * @param msg   message id
+ * @param msg   message id, passed through
  * @param data  `len` bytes; may be null when `len` is 0
  * @param len   number of bytes, 0 or above
- * @return FRWK_ERROR_SUCCESS; FRWK_ERROR_INVALID_PARAM for `to` outside 0 to 7 or a negative length;
- *         FRWK_ERROR_NOT_FOUND when `to` was never created; FRWK_ERROR_NO_MEMORY
+ * @return FRWK_ERROR_SUCCESS; otherwise, traced and with nothing sent: FRWK_ERROR_INVALID_PARAM for `to` outside 0 to 7
+ *         or a negative length, FRWK_ERROR_NOT_FOUND when `to` was never created, FRWK_ERROR_NO_MEMORY
  */
 FRWK_API int frwk_submodule_send(uint32_t from, uint32_t to, uint32_t msg, const void *data, int32_t len);
 

@@ -29,31 +29,46 @@ typedef struct {
 } frwk_systime_t;
 
 /**
- * Sleeps. A signal handler that runs meanwhile cuts the sleep short. A cancellation point.
+ * Sleeps. A signal handler that runs meanwhile can cut the sleep short. A cancellation point.
  * @param ms  milliseconds; 0 and below return at once
  */
 FRWK_API void frwk_sleep(int ms);
 
-/** Parks the calling thread for good, through signals: the usual end of a module's main function. */
+/**
+ * Parks the calling thread for good, through signals: the usual end of a module's main function. A cancellation point.
+ */
 FRWK_API void frwk_keep_running(void);
 
-/** Reads the monotonic clock into `now`; 0, 0 when it cannot be read. */
+/**
+ * Reads the monotonic clock, which nobody sets and which stands still while the device is suspended.
+ * @param now  receives the reading; 0, 0 when the clock cannot be read
+ */
 FRWK_API void frwk_get_uptime(frwk_uptime_t *now);
 
 /**
+ * Subtracts one reading from another.
+ * @param a  reading or deadline
+ * @param b  what is subtracted from it
  * @return `a` minus `b` in milliseconds. Seconds and microseconds are converted separately, so the result can be off
  *         by one; it wraps beyond 2,147,483 seconds (24.8 days).
  */
 FRWK_API int frwk_time_diff(const frwk_uptime_t *a, const frwk_uptime_t *b);
 
-/** Fills `now` with the local wall-clock time. */
+/**
+ * Reads the local wall-clock time.
+ * @param now  receives it
+ */
 FRWK_API void frwk_get_systime(frwk_systime_t *now);
 
 /**
- * A random number, not for secrets. Seeds and draws from the C library's process-wide rand() without a lock, so two
- * calls within one microsecond give the same number.
+ * A random number, not for secrets.
  *
- * @param max  upper bound; negative stands for 2,147,483,647, and 0 for a bound picked at random
+ * Every call seeds the C library's rand() with the microseconds of the clock and draws from it. So two calls within a
+ * microsecond give the same number, there are at most 1,000,000 different ones, and other code of the process that
+ * draws from rand() gets its numbers from the new seed.
+ *
+ * @param max  upper bound; negative stands for 2,147,483,647, and 0 for a bound picked at random among 255, 65,535,
+ *             16,777,215 and 2,147,483,647, the same one within a second
  * @return 1 to `max`
  */
 FRWK_API int frwk_random(int max);

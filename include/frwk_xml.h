@@ -1,7 +1,10 @@
 /**
  * @file frwk_xml.h
  * A small XML model, parser and writer: elements, attributes, text, comments, declarations, directives, and the five
- * predefined entities. No DTD, CDATA, namespaces, character references or encodings: text is bytes.
+ * predefined entities. No DTD, CDATA, namespaces, character references or encodings: text is bytes, up to the first 0.
+ *
+ * An element has one run of text, before, between or after its children; blanks and line ends at its beginning are
+ * dropped. Names of elements have at most 127 characters, names of attributes 128, values of attributes 512.
  *
  * No function takes a lock; a document is used by one thread at a time, different documents by different threads.
  */
@@ -19,11 +22,11 @@ FRWK_BEGIN_DECLS
 
 /** Node types. */
 enum {
-    FRWK_XML_NODE_ELEMENT = 0,
-    FRWK_XML_NODE_COMMENT = 1,
-    FRWK_XML_NODE_DECLARATION = 2,
-    FRWK_XML_NODE_DIRECTIVE = 3,
-    FRWK_XML_NODE_DOCUMENT = 4
+    FRWK_XML_NODE_ELEMENT = 0,     /**< An element. */
+    FRWK_XML_NODE_COMMENT = 1,     /**< A comment. */
+    FRWK_XML_NODE_DECLARATION = 2, /**< A declaration, such as that of the version. */
+    FRWK_XML_NODE_DIRECTIVE = 3,   /**< A directive, such as DOCTYPE. */
+    FRWK_XML_NODE_DOCUMENT = 4     /**< The document node, one in a document. */
 };
 
 /** Bits of the `flags` of the parser's steps and of the writers. */
@@ -71,126 +74,281 @@ typedef struct {
     FILE *fp;       /**< Where everything is written; neither flushed nor closed. */
 } frwk_xml_writer_t;
 
-/** @return the constant message of a parse error code, "Unkown error" above 15. */
+/**
+ * Gives the message of a parse error.
+ * @param code  error code, 0 to 15
+ * @return its message, a constant; "Unkown error" above 15
+ */
 FRWK_API const char *frwk_xml_strerror(uint32_t code);
 
-/** @return a new attribute, to be ended with frwk_xml_free_attr() or linked to a node; null when memory is short. */
+/**
+ * Makes an attribute without name and value.
+ * @return the attribute, to be ended with frwk_xml_free_attr() or linked to a node; null, traced, when memory is short
+ */
 FRWK_API frwk_xml_attr_t *frwk_xml_alloc_attr(void);
-/** @return a new element, to be ended with frwk_xml_free_node() or linked to a parent; null when memory is short. */
+/**
+ * Makes an element without name and value, of depth 0.
+ * @return the element, to be ended with frwk_xml_free_node() or linked to a parent; null, traced, when memory is short
+ */
 FRWK_API frwk_xml_node_t *frwk_xml_alloc_node(void);
-/** @return a new empty document, to be ended with frwk_xml_free_doc(); null when memory is short. */
+/**
+ * Makes an empty document, with a document node.
+ * @return the document, to be ended with frwk_xml_free_doc(); null, traced, when memory is short
+ */
 FRWK_API frwk_xml_doc_t *frwk_xml_alloc_doc(void);
-/** Frees an attribute, unlinked before by the caller; null is harmless. */
+/**
+ * Frees an attribute.
+ * @param attr  attribute that is in no list, or null
+ */
 FRWK_API void frwk_xml_free_attr(frwk_xml_attr_t *attr);
-/** Frees a node, unlinked before by the caller, and all below it, without recursing; null is harmless. */
+/**
+ * Frees a node and all below it, without recursing.
+ * @param node  node that is in no list, or null
+ */
 FRWK_API void frwk_xml_free_node(frwk_xml_node_t *node);
-/** Frees a document and its tree; null is harmless. */
+/**
+ * Frees a document and its tree.
+ * @param doc  document, or null
+ */
 FRWK_API void frwk_xml_free_doc(frwk_xml_doc_t *doc);
 
-/** @return the first top-level element; null, traced, when there is none. */
+/**
+ * Finds the root element.
+ * @param doc  document, or null
+ * @return the first top-level element, which lives as long as the document; null, traced, when there is none
+ */
 FRWK_API frwk_xml_node_t *frwk_xml_get_doc_root(frwk_xml_doc_t *doc);
-/** @return the first element among the children with exactly that name, or null. */
+/**
+ * Finds a child element.
+ * @param parent  node, or null
+ * @param name    its name, compared exactly; may be null
+ * @return the first element among the children with that name, owned by `parent`; null when there is none, and, traced,
+ *         for a null argument
+ */
 FRWK_API frwk_xml_node_t *frwk_xml_get_child_node(frwk_xml_node_t *parent, const char *name);
-/** @return the value of the first attribute of that name, owned by the attribute; "" when there is none. */
+/**
+ * Finds the value of an attribute.
+ * @param node  node, or null
+ * @param name  name of the attribute, compared exactly; may be null
+ * @return the value of the first attribute of that name, owned by the attribute; "" when there is none or an argument
+ *         is null
+ */
 FRWK_API const char *frwk_xml_get_attr_value(frwk_xml_node_t *node, const char *name);
-/** Takes the value out of a node. @return the string, now the caller's to free(); null when there is none. */
+/**
+ * Takes the value out of a node, which has none then.
+ * @param node  node, or null
+ * @return the string, now the caller's to free(); null when there is none
+ */
 FRWK_API char *frwk_xml_get_node_value(frwk_xml_node_t *node);
 
 /**
- * Replaces a node's text by a copy of `value` ("" for null), which may be the node's own.
- * @return FRWK_ERROR_SUCCESS; FRWK_ERROR_INVALID_PARAM for a null node; FRWK_ERROR_NO_MEMORY, the node unchanged
+ * Replaces a node's text by a copy. Pointers to the old text end with it.
+ * @param node   node, or null
+ * @param value  the new text, which may be the node's own; null stands for ""
+ * @return FRWK_ERROR_SUCCESS; otherwise, traced and the node unchanged: FRWK_ERROR_INVALID_PARAM for a null node,
+ *         FRWK_ERROR_NO_MEMORY
  */
 FRWK_API int frwk_xml_set_node_value(frwk_xml_node_t *node, const char *value);
 /**
- * Appends an element to `parent`, not null, with copies of `name` and `value` ("" for null).
- * @return FRWK_ERROR_SUCCESS, or FRWK_ERROR_NO_MEMORY, the tree unchanged
+ * Appends an element to a node's children.
+ * @param parent  node
+ * @param name    the element's name, copied unchecked; null stands for ""
+ * @param value   its text, copied; null stands for ""
+ * @return FRWK_ERROR_SUCCESS; or, traced and the tree unchanged, FRWK_ERROR_NO_MEMORY
  */
 FRWK_API int frwk_xml_node_append(frwk_xml_node_t *parent, const char *name, const char *value);
 /**
- * Sets the text of the first child element called `name`; appends one when there is none.
- * @return FRWK_ERROR_SUCCESS; FRWK_ERROR_INVALID_PARAM for a null parent or name; FRWK_ERROR_NO_MEMORY, the tree
- *         unchanged
+ * Sets the text of the first child element of a name; appends one when there is none.
+ * @param parent  node, or null
+ * @param name    name of the element, or null
+ * @param value   its text, copied; null stands for ""
+ * @return FRWK_ERROR_SUCCESS; otherwise, traced and the tree unchanged: FRWK_ERROR_INVALID_PARAM for a null parent or
+ *         name, FRWK_ERROR_NO_MEMORY
  */
 FRWK_API int frwk_xml_set_node_append(frwk_xml_node_t *parent, const char *name, const char *value);
 
 /**
- * Parses a whole document.
- * @param text  text, changed by the parse; it stays the caller's and is not needed afterwards
- * @return the document, the caller's; null, traced with line and cause, when it is no document with exactly one root
+ * Parses a whole document. Elements that are still open at the end of the text are closed there, so that a text that
+ * was cut off may parse.
+ * @param text  text, which the parse may change; it stays the caller's and is not needed afterwards; may be null
+ * @return the document, to be ended with frwk_xml_free_doc(); null, traced with line and cause, when it is no document
+ *         with exactly one root, when it is null or "", and when memory is short
  */
 FRWK_API frwk_xml_doc_t *frwk_xml_cache_parse(char *text);
-/** Parses a file. @return as frwk_xml_cache_parse(); `file_name` is a copy of `path`. */
+/**
+ * Parses a file as frwk_xml_cache_parse() does a text. Blocks for the disk.
+ * @param path  its path, of which the document keeps a copy as `file_name`; may be null
+ * @return as from frwk_xml_cache_parse(); null, traced, also when the file is missing, empty or cannot be read
+ */
 FRWK_API frwk_xml_doc_t *frwk_xml_file_parse(const char *path);
 
 /**
  * @name Steps of the parser
- * Each reads at the document's `cursor` and moves it past what it consumes, counts lines in `line`, and on an error
- * sets `status` and `error` and returns at once. Nesting does not recurse.
+ * For a program that parses a part of a text: it makes a document, points its `cursor` to a text that the step may
+ * change, and gives the nodes. Each step reads at `cursor` and moves it past what it consumes, counts lines in `line`,
+ * and on an error sets `status` and `error`, traces nothing, and returns at once. Nesting does not recurse. Strings
+ * that a node had are freed when a step replaces them. `flags` is FRWK_XML_RAW or 0.
  * @{
  */
-/** Reads the content of `parent` up to its closing tag or the end of the text. @return the document's status. */
+/**
+ * Reads the content of an element, or of the document node, up to its closing tag or the end of the text. After an
+ * error the children read before stay attached.
+ * @param doc     document, its `cursor` behind the start tag
+ * @param parent  node that takes the content
+ * @param flags   FRWK_XML_RAW or 0
+ * @return the document's status
+ */
 FRWK_API int frwk_xml_read_node(frwk_xml_doc_t *doc, frwk_xml_node_t *parent, uint32_t flags);
-/** Reads an element, from its name to the end of its content. */
+/**
+ * Reads an element, from its name to the end of its content.
+ * @param doc    document, its `cursor` behind "<"
+ * @param node   becomes the element
+ * @param flags  FRWK_XML_RAW or 0
+ */
 FRWK_API void frwk_xml_read_tag(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags);
-/** Reads a name into `node->name`. @return 0 or 4. */
+/**
+ * Reads a name.
+ * @param doc   document, its `cursor` at the name
+ * @param node  its `name` becomes a copy
+ * @return 0; 4 on an error, also when memory is short (the document's status is then -1)
+ */
 FRWK_API int frwk_xml_read_name(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
-/** Reads all attributes of a start tag. @return the document's status. */
+/**
+ * Reads all attributes of a start tag. After an error those read before stay attached.
+ * @param doc    document, its `cursor` behind the element's name
+ * @param node   its `attrs` take them
+ * @param flags  FRWK_XML_RAW or 0
+ * @return the document's status
+ */
 FRWK_API int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags);
-/** Reads one attribute. @return it, the caller's; null at the end of the attributes and on an error. */
+/**
+ * Reads one attribute.
+ * @param doc    document, its `cursor` where an attribute may begin
+ * @param flags  FRWK_XML_RAW or 0
+ * @return the attribute, the caller's; null at the end of the attributes, and on an error: the document's status tells
+ */
 FRWK_API frwk_xml_attr_t *frwk_xml_read_attr(frwk_xml_doc_t *doc, uint32_t flags);
-/** Reads a text run into `node->value`. */
+/**
+ * Reads a text run, up to the next "<".
+ * @param doc    document, its `cursor` at the text
+ * @param node   its `value` and `len` take it; with a `value` already the status becomes 1
+ * @param flags  FRWK_XML_RAW or 0
+ */
 FRWK_API void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags);
-/** Reads a comment behind its opening. */
+/**
+ * Reads a comment.
+ * @param doc   document, its `cursor` behind the opening
+ * @param node  becomes the comment
+ */
 FRWK_API void frwk_xml_read_comment(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
-/** Reads a declaration behind its opening. */
+/**
+ * Reads a declaration. It is an error but on line 1.
+ * @param doc   document, its `cursor` behind the opening
+ * @param node  becomes the declaration
+ */
 FRWK_API void frwk_xml_read_header(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
-/** Reads a directive behind its opening. */
+/**
+ * Reads a directive.
+ * @param doc   document, its `cursor` behind the opening
+ * @param node  becomes the directive
+ */
 FRWK_API void frwk_xml_read_dir(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
-/** Reads a closing tag behind its opening and compares it with the name of `node`. */
+/**
+ * Reads a closing tag.
+ * @param doc   document, its `cursor` behind the opening
+ * @param node  element that it must name
+ */
 FRWK_API void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
 /** @} */
 
 /**
  * @name Stream writer
- * Writes to `w->fp`; its errors are the stream's.
+ * Writes to `w->fp`. Errors are the stream's, as ferror() tells; blocking and cancellation are the stream's, too.
+ * `flags` are FRWK_XML_ bits. Nodes of any origin will do; a null name or value is written as "".
  * @{
  */
-/** Writes the indentation of a node of that depth. */
+/**
+ * Writes the indentation of a node: one step less than its depth.
+ * @param w      writer
+ * @param depth  depth of the node; 1 and below give none
+ * @param flags  FRWK_XML_INDENT_ bits
+ */
 FRWK_API void frwk_xml_write_fmt(frwk_xml_writer_t *w, int depth, uint32_t flags);
-/** Writes text with the five entities. */
+/**
+ * Writes a text with the five entities.
+ * @param w     writer
+ * @param text  text; null writes nothing
+ */
 FRWK_API void frwk_xml_write_esc(frwk_xml_writer_t *w, const char *text);
-/** Writes a node's attributes. */
+/**
+ * Writes a node's attributes.
+ * @param w      writer
+ * @param node   node
+ * @param flags  FRWK_XML_RAW or 0
+ */
 FRWK_API void frwk_xml_write_attrs(frwk_xml_writer_t *w, frwk_xml_node_t *node, uint32_t flags);
-/** Writes a node and all below it. @return `w->result`. */
+/**
+ * Writes a node and all below it, one node a line.
+ * @param w      writer
+ * @param node   node
+ * @param flags  FRWK_XML_INDENT_ bits and FRWK_XML_RAW
+ * @return `w->result`
+ */
 FRWK_API int frwk_xml_write_node(frwk_xml_writer_t *w, frwk_xml_node_t *node, uint32_t flags);
 /** @} */
 
 /**
  * @name Buffer writer
  * Appends to an initialised buffer, without a terminator; a buffer that cannot grow ends the process by an assertion.
+ * Otherwise as the stream writer, but an empty comment gets two blanks.
  * @{
  */
-/** Appends the indentation of a node of that depth. */
+/**
+ * Appends the indentation of a node: one step less than its depth.
+ * @param b      buffer
+ * @param depth  depth of the node; 1 and below give none
+ * @param flags  FRWK_XML_INDENT_ bits
+ */
 FRWK_API void frwk_xml_cache_write_fmt(frwk_buffer_t *b, int depth, uint32_t flags);
-/** Appends text with the five entities. */
+/**
+ * Appends a text with the five entities.
+ * @param b     buffer
+ * @param text  text; null appends nothing
+ */
 FRWK_API void frwk_xml_cache_write_esc(frwk_buffer_t *b, const char *text);
-/** Appends a node's attributes. */
+/**
+ * Appends a node's attributes.
+ * @param b      buffer
+ * @param node   node
+ * @param flags  FRWK_XML_RAW or 0
+ */
 FRWK_API void frwk_xml_cache_write_attrs(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags);
-/** Appends a node and all below it. @return 0. */
+/**
+ * Appends a node and all below it, one node a line.
+ * @param b      buffer
+ * @param node   node
+ * @param flags  FRWK_XML_INDENT_ bits and FRWK_XML_RAW
+ * @return 0
+ */
 FRWK_API int frwk_xml_cache_save(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags);
 /** @} */
 
 /**
  * Saves a document so that the old content stays on disk, under its name or with ".bak" behind it, until the new one
- * has been written and synced.
+ * has been written and synced. Blocks for sync() of all file systems.
  *
- * @param doc   document
- * @param path  file to write and to remember in `file_name`; null for `file_name`
- * @return FRWK_ERROR_SUCCESS; FRWK_ERROR_NO_MEMORY and FRWK_ERROR_INVALID_PARAM (no name, or one too long for its
- *         backup), nothing touched; FRWK_ERROR_FILE_CREATE when the file cannot be created or written whole, the old
- *         one back in place
+ * The file is moved to its ".bak", over any that is there, and written anew, with the mode 0666 less the umask; a link
+ * is replaced by a file. The ".bak" is removed at the end if it is still the file that was moved there. Of two who save
+ * the same file at once, the one whose file is in place at the end succeeds.
  *
- * Blocks for sync() of all file systems.
+ * @param doc   document; null fails
+ * @param path  file to write, up to 507 characters, copied to `file_name`, where it stays after a failure to write,
+ *              too; null for `file_name`
+ * @return FRWK_ERROR_SUCCESS: the file in place is the one that was written;
+ *         FRWK_ERROR_INVALID_PARAM: no document, no name, or one that is too long; nothing is changed;
+ *         FRWK_ERROR_NO_MEMORY: the disk is untouched;
+ *         FRWK_ERROR_FILE_CREATE: the old file could not be moved aside, and is untouched; or the new one could not be
+ *         created, written or closed, and the old one was put back; or another's file is in place
  */
 FRWK_API int frwk_xml_file_save(frwk_xml_doc_t *doc, const char *path);
 
