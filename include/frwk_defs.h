@@ -16,16 +16,23 @@
 #if defined(__GNUC__)
 /** Marks what the shared library exports; everything else in it is hidden. */
 #define FRWK_API __attribute__((visibility("default")))
-/** Lets the compiler check a printf format (argument `fmt`) against the arguments from `first` on. */
+/**
+ * Lets the compiler check a printf format against its arguments.
+ * @param fmt    which argument is the format, counted from 1
+ * @param first  which is the first that it formats
+ */
 #define FRWK_PRINTF_FORMAT(fmt, first) __attribute__((format(printf, fmt, first)))
 #else
 #define FRWK_API
 #define FRWK_PRINTF_FORMAT(fmt, first)
 #endif
 
+/**
+ * @def FRWK_NO_PLT
+ * For what stands behind every trace line: called straight through its address, which saves a jump.
+ */
 #if defined(__x86_64__) && defined(__has_attribute)
 #if __has_attribute(noplt)
-/** For what stands behind every trace line: called straight through its address, which saves a jump. */
 #define FRWK_NO_PLT __attribute__((noplt))
 #endif
 #endif
