@@ -17,7 +17,7 @@
 
 FRWK_BEGIN_DECLS
 
-/** Message ids of the library. Ids from FRWK_MSG_USER on are free for modules, the last three but for the monitor's. */
+/** Message ids of the library. Ids from FRWK_MSG_USER on are the modules' own; the last three go to the monitor's. */
 enum {
     FRWK_MSG_SYS_CTRL0 = 0,         /**< To the control callback. */
     FRWK_MSG_SYS_CTRL1 = 1,         /**< To the control callback. */
@@ -50,7 +50,8 @@ typedef struct {
 
 /**
  * A module's handler for its messages, all ids but 0 to 6. Runs on the library's threads (and for synchronous requests
- * to oneself on the caller's), up to 21 at once for other processes, with no lock held.
+ * to oneself on the caller's), up to 21 at once for other processes, with no lock held. `req` and `rsp` are aligned to
+ * 8 bytes, but for a synchronous request to oneself as the caller's are.
  *
  * @param from      module id of the sender, as the sender gave it: not checked
  * @param msg       message id
@@ -97,15 +98,15 @@ FRWK_API int32_t frwk_ipc_timeout(int32_t value);
  * @param timeout   seconds that the target waits for its handler to be registered; more than 2,147,483 count as that
  * @param result    receives the handler's result, FRWK_ERROR_NO_HANDLER when none was registered in time; may be null;
  *                  unchanged when no whole answer arrived
- * @return FRWK_ERROR_SUCCESS: answered, whatever the result, 2 apart;
- *         FRWK_ERROR_FAILED: answered by another module's handler with 2;
+ * @return FRWK_ERROR_SUCCESS: answered, and `result` says how;
+ *         FRWK_ERROR_FAILED: answered by another module with the result 2;
  *         FRWK_ERROR_NO_MODULE: `to` is invalid, or cannot be connected (it does not run, is a tool, or keeps this user
  *         out, or descriptors are short);
  *         FRWK_ERROR_INVALID_PARAM: a negative length, or a null pointer to more than 0 bytes;
  *         FRWK_ERROR_NO_MEMORY;
  *         FRWK_ERROR_SEND: the target closed the connection before it had taken the request;
- *         FRWK_ERROR_RECV: the target closed it without a whole answer (it was serving 21 requests, or the body did not
- *         arrive in one piece, or it ended)
+ *         FRWK_ERROR_RECV: the target closed it without a whole answer (it was serving 21 requests, the body did not
+ *         arrive in one piece, memory was short there, or it ended)
  */
 FRWK_API int frwk_ipc_send_sync(uint32_t to, uint32_t msg, const void *req, int32_t req_len, void *rsp,
                                 int32_t rsp_size, uint32_t timeout, int32_t *result);

@@ -87,8 +87,8 @@ typedef void (*frwk_module_cb_t)(uint32_t msg);
  * configuration (monitor only) and the trace settings, opens the system log, starts the IPC service, sleeps the row's
  * delay. Ends the process by an assertion when the IPC service cannot start.
  *
- * Blocks for the row's delay, and while `mkdir` and `sync` run when the directories do not exist yet. The thread must
- * not be cancelled meanwhile.
+ * Blocks for the disk, for the row's delay, and while `mkdir` and `sync` run when the directories do not exist yet. The
+ * thread must not be cancelled meanwhile.
  *
  * @param id  module id, 1 to 9
  * @param cb  control callback for the messages 0 to 2; may be null

@@ -2,8 +2,8 @@
  * @file frwk_start_conf.h
  * Supervision flag and start arguments of every module, kept in `/usrdata/odm/start_conf.xml`; shell commands.
  *
- * Settings that a save which was cut off has left in `start_conf.xml.bak` are in force where the file is missing or a
- * piece: those who read take them from there, and those who write put them back first.
+ * When a save was cut off, `start_conf.xml.bak` holds the settings: who reads them takes them from there, and who
+ * changes them puts it back first.
  */
 #ifndef FRWK_START_CONF_H
 #define FRWK_START_CONF_H
@@ -68,7 +68,7 @@ FRWK_API int frwk_set_app_start_cmd(uint32_t module_id, const char *cmd);
 /**
  * Stores whether the monitor supervises a module, as frwk_set_app_start_cmd() does, then tells the running monitor by
  * FRWK_MSG_SYS_MONITOR_CONF and waits for its answer as frwk_ipc_send_sync() does: a cancellation point. In the monitor
- * itself this runs its own handler, on the calling thread.
+ * itself this runs its own handler, on the calling thread, and waits up to 3 seconds for it to be registered.
  *
  * @param module_id  1 to 9
  * @param value      1 for supervised, any other value for not; stored and sent as it is
@@ -78,8 +78,8 @@ FRWK_API int frwk_set_app_start_cmd(uint32_t module_id, const char *cmd);
 FRWK_API int frwk_set_app_monitor_conf(uint32_t module_id, int value);
 
 /**
- * Runs a shell command by system() and waits for its end, however long it takes. A cancellation point: that kills the
- * shell, not what the shell has started.
+ * Runs a shell command by system() and waits for its end, however long it takes. A cancellation point: cancelling
+ * kills the shell, not what it has started.
  *
  * The command inherits the environment, the working directory, the umask, every descriptor that is not close-on-exec,
  * and `SIGPIPE` ignored and blocked. Meanwhile this process ignores `SIGINT` and `SIGQUIT`. Where it ignores `SIGCHLD`,

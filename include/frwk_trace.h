@@ -135,7 +135,7 @@ FRWK_API int frwk_init_log_cfg_info(void);
  * Stores the trace settings that a module takes at its next start; writes the default file first when there is none. A
  * running module takes new settings only from the message FRWK_MSG_SYS_LOG.
  *
- * Settings that a save which was cut off has left in `log_conf.xml.bak` are put back first. The file is then saved by
+ * When a save was cut off, `log_conf.xml.bak` holds the settings, and is put back first. The file is saved by
  * frwk_xml_file_save(), which blocks for sync() of all file systems. Writers take an advisory lock on `/usrdata/odm`:
  * after 3 seconds a warning is traced and the call goes on without it.
  *

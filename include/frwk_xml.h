@@ -3,8 +3,9 @@
  * A small XML model, parser and writer: elements, attributes, text, comments, declarations, directives, and the five
  * predefined entities. No DTD, CDATA, namespaces, character references or encodings: text is bytes, up to the first 0.
  *
- * An element has one run of text, before, between or after its children; blanks and line ends at its beginning are
- * dropped. Names of elements have at most 127 characters, names of attributes 128, values of attributes 512.
+ * The parser takes one run of text in an element, before, between or after its children, and drops blanks and line ends
+ * at its beginning; and names of elements up to 127 characters, names of attributes up to 128 and their values up to
+ * 512.
  *
  * No function takes a lock; a document is used by one thread at a time, different documents by different threads.
  */
@@ -201,7 +202,7 @@ FRWK_API frwk_xml_doc_t *frwk_xml_file_parse(const char *path);
 FRWK_API int frwk_xml_read_node(frwk_xml_doc_t *doc, frwk_xml_node_t *parent, uint32_t flags);
 /**
  * Reads an element, from its name to the end of its content.
- * @param doc    document, its `cursor` behind "<"
+ * @param doc    document, its `cursor` behind `<`
  * @param node   becomes the element
  * @param flags  FRWK_XML_RAW or 0
  */
@@ -229,7 +230,7 @@ FRWK_API int frwk_xml_read_attrs(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uin
  */
 FRWK_API frwk_xml_attr_t *frwk_xml_read_attr(frwk_xml_doc_t *doc, uint32_t flags);
 /**
- * Reads a text run, up to the next "<".
+ * Reads a text run, up to the next `<`.
  * @param doc    document, its `cursor` at the text
  * @param node   its `value` and `len` take it; with a `value` already the status becomes 1
  * @param flags  FRWK_XML_RAW or 0
@@ -237,25 +238,25 @@ FRWK_API frwk_xml_attr_t *frwk_xml_read_attr(frwk_xml_doc_t *doc, uint32_t flags
 FRWK_API void frwk_xml_read_data(frwk_xml_doc_t *doc, frwk_xml_node_t *node, uint32_t flags);
 /**
  * Reads a comment.
- * @param doc   document, its `cursor` behind the opening
+ * @param doc   document, its `cursor` behind `<!--`
  * @param node  becomes the comment
  */
 FRWK_API void frwk_xml_read_comment(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
 /**
- * Reads a declaration. It is an error but on line 1.
- * @param doc   document, its `cursor` behind the opening
+ * Reads a declaration, which is an error on any line but 1.
+ * @param doc   document, its `cursor` behind `<?`
  * @param node  becomes the declaration
  */
 FRWK_API void frwk_xml_read_header(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
 /**
  * Reads a directive.
- * @param doc   document, its `cursor` behind the opening
+ * @param doc   document, its `cursor` behind `<!`
  * @param node  becomes the directive
  */
 FRWK_API void frwk_xml_read_dir(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
 /**
  * Reads a closing tag.
- * @param doc   document, its `cursor` behind the opening
+ * @param doc   document, its `cursor` behind `</`
  * @param node  element that it must name
  */
 FRWK_API void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
@@ -264,7 +265,10 @@ FRWK_API void frwk_xml_read_closing(frwk_xml_doc_t *doc, frwk_xml_node_t *node);
 /**
  * @name Stream writer
  * Writes to `w->fp`. Errors are the stream's, as ferror() tells; blocking and cancellation are the stream's, too.
- * `flags` are FRWK_XML_ bits. Nodes of any origin will do; a null name or value is written as "".
+ *
+ * Nodes need not come from the parser; a null name or value is written as "". An element with neither text nor children
+ * becomes an empty-element tag. Only text and values of attributes are escaped. A comment gets a blank on either side,
+ * which the parser keeps: each time that it is read and written adds one.
  * @{
  */
 /**
@@ -288,7 +292,7 @@ FRWK_API void frwk_xml_write_esc(frwk_xml_writer_t *w, const char *text);
  */
 FRWK_API void frwk_xml_write_attrs(frwk_xml_writer_t *w, frwk_xml_node_t *node, uint32_t flags);
 /**
- * Writes a node and all below it, one node a line.
+ * Writes a node and all below it, children on lines of their own.
  * @param w      writer
  * @param node   node
  * @param flags  FRWK_XML_INDENT_ bits and FRWK_XML_RAW
@@ -324,7 +328,7 @@ FRWK_API void frwk_xml_cache_write_esc(frwk_buffer_t *b, const char *text);
  */
 FRWK_API void frwk_xml_cache_write_attrs(frwk_buffer_t *b, frwk_xml_node_t *node, uint32_t flags);
 /**
- * Appends a node and all below it, one node a line.
+ * Appends a node and all below it, children on lines of their own.
  * @param b      buffer
  * @param node   node
  * @param flags  FRWK_XML_INDENT_ bits and FRWK_XML_RAW
@@ -346,9 +350,10 @@ FRWK_API int frwk_xml_cache_save(frwk_buffer_t *b, frwk_xml_node_t *node, uint32
  *              too; null for `file_name`
  * @return FRWK_ERROR_SUCCESS: the file in place is the one that was written;
  *         FRWK_ERROR_INVALID_PARAM: no document, no name, or one that is too long; nothing is changed;
- *         FRWK_ERROR_NO_MEMORY: the disk is untouched;
+ *         FRWK_ERROR_NO_MEMORY: the disk is untouched (where memory is short for more than 4,096 bytes of text, the
+ *         process ends by an assertion, as in frwk_buffer_grow());
  *         FRWK_ERROR_FILE_CREATE: the old file could not be moved aside, and is untouched; or the new one could not be
- *         created, written or closed, and the old one was put back; or another's file is in place
+ *         created, written or closed, and the old one was put back; or another writer's is in place
  */
 FRWK_API int frwk_xml_file_save(frwk_xml_doc_t *doc, const char *path);
 
