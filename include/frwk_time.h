@@ -64,8 +64,8 @@ FRWK_API void frwk_get_systime(frwk_systime_t *now);
  * A random number, not for secrets.
  *
  * Every call seeds the C library's rand() with the microseconds of the clock and draws from it. So two calls within a
- * microsecond give the same number, there are at most 1,000,000 different ones, and other code of the process that
- * draws from rand() gets its numbers from the new seed.
+ * microsecond give the same number, one `max` above 0 gives at most 1,000,000 different numbers, and other code of the
+ * process that draws from rand() gets its numbers from the new seed.
  *
  * @param max  upper bound; negative stands for 2,147,483,647, and 0 for a bound picked at random among 255, 65,535,
  *             16,777,215 and 2,147,483,647, the same one within a second
