@@ -98,7 +98,7 @@ std::set<Files> states_of(const Subject &subject, const Files &before, const Act
         const auto written = state.find(subject.path + (places ? ".new" : ""));
         if ((saves || places) && written != state.end()) {
             const std::string text = written->second;
-            for (const size_t size : {text.size() / 2, text.rfind("   </") + 5}) {
+            for (const size_t size : {text.size() / 2, text.find("   </", text.size() / 2) + 5}) {
                 written->second = text.substr(0, text.find('>', size) + (size != text.size() / 2));
                 states.insert(state);
             }
@@ -144,12 +144,20 @@ End act_with(const Fault &chosen, bool lasts, int n, const Act &act)
     return WIFEXITED(status) ? static_cast<End>(WEXITSTATUS(status)) : REFUSED;
 }
 
-int count_calls(const Fault &chosen, const Files &state, const Act &act)
+// How often an act makes each call.
+std::map<std::string, int> count_calls(const Files &state, const Act &act)
 {
+    std::map<std::string, int> counts;
+    const std::function<void(const char *)> note = [&counts](const char *call) { counts[call]++; };
     restore(state);
-    fault_after(INT_MAX - 1, chosen, false);
+    before_call = &note;
     act();
-    return INT_MAX - 1 - calls_until_fault.exchange(INT_MAX);
+    before_call = nullptr;
+    restore(state);
+    fault_after(INT_MAX - 1, file_faults[0], false);
+    act();
+    counts[file_faults[0].call] = INT_MAX - 1 - calls_until_fault.exchange(INT_MAX); // where it is ours
+    return counts;
 }
 
 // Of faults at this many calls one is tried: what lasts fails much the same, and so do the allocations of a parse.
@@ -158,7 +166,7 @@ int stride_of(const std::string &call, bool lasts, bool is_deep)
     if (getenv("FRWK_ACCIDENTS") != nullptr) { // whatever it says: all
         return 1;
     }
-    return (call == "malloc" ? 5 : 1) * (lasts ? 3 : 1) * (is_deep ? 11 : 1) * (emulated() || OWN_ALLOCATOR ? 7 : 1);
+    return (call == "malloc" ? 5 : 1) * (lasts ? 3 : 1) * (is_deep ? 13 : 1) * (emulated() || OWN_ALLOCATOR ? 7 : 1);
 }
 
 // One act on one state with every fault. The number of faults.
@@ -166,12 +174,13 @@ int meet_faults(const Subject &subject, const Files &state, int state_number, co
 {
     const std::string without = followed(subject, state);
     const std::string with = reads ? without : followed(subject, state, {act});
+    std::map<std::string, int> calls = count_calls(state, act);
     int count = 0;
     for (const Fault &chosen : file_faults) {
-        const int calls = count_calls(chosen, state, act); // none of malloc where that is not ours
         for (const bool lasts : {false, true}) {
             const int stride = stride_of(chosen.call, lasts, is_deep);
-            for (int n = 1 + state_number % stride; n <= calls && !testing::Test::HasFailure(); n += stride) {
+            for (int n = 1 + state_number % stride; n <= calls[chosen.call] && !testing::Test::HasFailure();
+                 n += stride) {
                 restore(state);
                 const End end = act_with(chosen, lasts, n, act);
                 EXPECT_NE(NOT_REACHED, end);
