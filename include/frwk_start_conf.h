@@ -38,7 +38,7 @@ FRWK_API int frwk_get_app_monitor_conf(uint32_t module_id);
 /**
  * Puts the default file, made from this process's table, in place of whatever is there.
  *
- * The file is written as `start_conf.xml.new`, synced, and renamed. Blocks for sync() of all file systems, and up to 3
+ * The file is written, synced, named `start_conf.xml.new`, and renamed. Blocks for sync() of all file systems, and up to 3
  * seconds for another writer, as frwk_set_app_start_cmd().
  *
  * @return FRWK_ERROR_SUCCESS; -1, FRWK_ERROR_CONFIG_FILE or FRWK_ERROR_NOT_FOUND when the document cannot be built; -1
@@ -51,7 +51,8 @@ FRWK_API int frwk_init_app_start_cfg_file(void);
  * there is none.
  *
  * The file is saved by frwk_xml_file_save(), which blocks for sync() of all file systems. Writers take an advisory lock
- * on `/usrdata/odm`: after 3 seconds a warning is traced and the call goes on without it.
+ * on `/usrdata/odm`: after 3 seconds a warning is traced and the call goes on without it, and saves as
+ * frwk_init_app_start_cfg_file() does.
  *
  * @param module_id  1 to 9
  * @param cmd        start arguments of any length; blanks and line ends at their beginning are not read back; null

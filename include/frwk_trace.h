@@ -122,7 +122,7 @@ FRWK_API void frwk_assert_debug(int cond, const char *expr, const char *file, co
 /**
  * Puts the default `/usrdata/odm/log_conf.xml` in place of whatever is there: every module silent.
  *
- * The file is written as `log_conf.xml.new`, synced, and renamed. Blocks for sync() of all file systems, and up to 3
+ * The file is written, synced, named `log_conf.xml.new`, and renamed. Blocks for sync() of all file systems, and up to 3
  * seconds for another writer, as frwk_set_trace_info().
  *
  * @return FRWK_ERROR_SUCCESS; -1, FRWK_ERROR_CONFIG_FILE or FRWK_ERROR_NOT_FOUND when the document cannot be built;
@@ -137,7 +137,7 @@ FRWK_API int frwk_init_log_cfg_info(void);
  *
  * When a save was cut off, `log_conf.xml.bak` holds the settings, and is put back first. The file is saved by
  * frwk_xml_file_save(), which blocks for sync() of all file systems. Writers take an advisory lock on `/usrdata/odm`:
- * after 3 seconds a warning is traced and the call goes on without it.
+ * after 3 seconds a warning is traced and the call goes on without it, and saves as frwk_init_log_cfg_info() does.
  *
  * @param module_id  1 to 9, a module with FRWK_MODULE_FLAG_SYSLOG
  * @param mode       debug mode, see frwk_debug_enable(); -999 to 9,999, since other numbers are not read back
