@@ -32,9 +32,16 @@
 namespace frwk_test {
 
 struct Fault {
-    std::string call; // "malloc" stands for all of its family
+    std::string call; // or several, with blanks between; "malloc" stands for all of its family
     int error;        // 0: half is written
 };
+
+inline bool is_meant(const Fault &chosen, const char *call)
+{
+    const size_t at = chosen.call.find(call), end = at + strlen(call);
+    return at != std::string::npos && (at == 0 || chosen.call[at - 1] == ' ') &&
+           (end == chosen.call.size() || chosen.call[end] == ' ');
+}
 
 inline std::atomic<const Fault *> fault{nullptr}; // the one to come, or the last one
 inline bool fault_lasts = false;
@@ -94,7 +101,7 @@ inline bool is_loader(const void *caller)
 inline bool fails(const char *call, const void *caller)
 {
     const Fault *const next = fault;
-    const bool chosen = next != nullptr && next->call == call;
+    const bool chosen = next != nullptr && is_meant(*next, call);
     const bool watched = before_call != nullptr && strcmp(call, "malloc") != 0;
     if ((!chosen && !watched) || !is_library(caller)) {
         return false;
