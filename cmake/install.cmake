@@ -1,4 +1,5 @@
-# What `cmake --install` lays out: the library, its headers, a CMake package (frwk::frwk) and frwk.pc.
+# What `cmake --install` lays out: the library, its headers, a CMake package (frwk::frwk) and frwk.pc. device/ adds its
+# programs where they are built.
 
 include(CMakePackageConfigHelpers)
 

@@ -35,22 +35,32 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libfrwk0 (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${long_description}This package holds the headers, the CMake package, the pkg-config file and\nthe guides.")
 
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME frwk-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONFLICTS logtool) # another program of that name, at the same place
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${long_description}This package holds the monitor, which starts and watches a device's daemons, and\nthe tools that look after them: monitor_tool and logtool.")
+
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME frwk-examples)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SUGGESTS "libfrwk-dev, python3")
-set(CPACK_DEBIAN_EXAMPLES_DESCRIPTION "${long_description}This package holds a small device made of modules, as programs and as source.")
-set(examples_depends "libfrwk0 (= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_EXAMPLES_DESCRIPTION "${long_description}This package holds the daemons of a small device, as programs and as source.")
+# Of the same version: the library and the programs agree on the table of modules.
+set(tools_depends "libfrwk0 (= ${PROJECT_VERSION})")
+set(examples_depends "${tools_depends}, frwk-tools (= ${PROJECT_VERSION})")
 
 if(CMAKE_CROSSCOMPILING)
     # dpkg-shlibdeps knows only the packages of this machine. A check compares with what the binaries ask for.
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.34)")
+    string(APPEND tools_depends ", libc6 (>= 2.34), libgcc-s1, libstdc++6")
     string(APPEND examples_depends ", libc6 (>= 2.34), libgcc-s1, libstdc++6")
 else()
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+    set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SHLIBDEPS ON)
     set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 endif()
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ${tools_depends})
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_DEPENDS ${examples_depends})
 
 # What a component's package has under /usr/share/doc, by Debian's rules.
@@ -66,12 +76,15 @@ install_package_papers(development libfrwk-dev)
 install(FILES README.md docs/mainpage.md docs/integration.md
     DESTINATION share/doc/libfrwk-dev COMPONENT development EXCLUDE_FROM_ALL)
 
+if(FRWK_BUILD_DEVICE)
+    list(APPEND CPACK_COMPONENTS_ALL tools)
+    install_package_papers(tools frwk-tools)
+endif()
 if(FRWK_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL examples)
     install_package_papers(examples frwk-examples)
     get_property(programs DIRECTORY examples PROPERTY BUILDSYSTEM_TARGETS)
-    list(REMOVE_ITEM programs device)
-    # Beside each other, since the monitor starts what lies beside itself.
+    # Beside the monitor, which starts what lies beside itself. Nothing that a device should get unasked.
     install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/frwk
         COMPONENT examples EXCLUDE_FROM_ALL)
     install(PROGRAMS examples/peer.py DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/frwk

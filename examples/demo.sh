@@ -1,5 +1,5 @@
 #!/bin/bash
-# Runs the example device and prints what it does. tools/demo builds the programs and calls this in a private copy of
+# Runs a device made of device/ and the examples and prints what it does. tools/demo builds the programs and calls this in a private copy of
 # the device's paths. Exits with 1 when an answer was wrong.
 #
 #   demo.sh [--keep]     --keep opens a shell beside the running device before it is stopped
@@ -15,7 +15,7 @@ case ${1:-} in
     ;;
 esac
 
-programs=${DEVICE_PROGRAMS:-$(cd "$(dirname "$0")/.." && pwd)/build/release/examples}
+programs=${DEVICE_PROGRAMS:-$(cd "$(dirname "$0")/.." && pwd)/build/release/programs}
 PATH=$programs:$PATH
 peer=$(dirname "$0")/peer.py
 if ! [ -x "$programs/monitor" ]; then
