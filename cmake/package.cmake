@@ -84,6 +84,7 @@ if(FRWK_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL examples)
     install_package_papers(examples frwk-examples)
     get_property(programs DIRECTORY examples PROPERTY BUILDSYSTEM_TARGETS)
+    list(REMOVE_ITEM programs demo)
     # Beside the monitor, which starts what lies beside itself. Nothing that a device should get unasked.
     install(TARGETS ${programs} RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/frwk
         COMPONENT examples EXCLUDE_FROM_ALL)

@@ -5,7 +5,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <termios.h>
 #include <time.h>
 
 /*
@@ -158,31 +157,6 @@ const char *device_error(int rc)
     default:
         return "cannot be asked: memory or threads are short";
     }
-}
-
-void device_mark(uint32_t from, const uint8_t *text, int32_t len)
-{
-    FRWK_INFO("mark of module %u: %.*s", from, len > 0 ? len : 0, reinterpret_cast<const char *>(text));
-}
-
-void device_raw(int fd)
-{
-    termios settings;
-    if (tcgetattr(fd, &settings) == 0) {
-        cfmakeraw(&settings);
-        tcsetattr(fd, TCSANOW, &settings);
-    }
-}
-
-int device_level(const char *name)
-{
-    static const char *const KNOWN[] = {"null", "error", "warning", "info", "debug"};
-    for (const char *known : KNOWN) {
-        if (strcasecmp(name, known) == 0) {
-            return frwk_level_match(known);
-        }
-    }
-    return -1;
 }
 
 void device_fail(int status, const char *fmt, ...)

@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +22,18 @@ static const char USAGE[] =
     "LEVEL: null, error, warning, info or debug; each includes those before it\n";
 
 static const char LOG_CONF[] = "/usrdata/odm/log_conf.xml";
+
+/* The level of that name; -1 for an unknown one. Unlike frwk_level_match(), it prints nothing. */
+static int level_of(const char *name)
+{
+    static const char *const KNOWN[] = {"null", "error", "warning", "info", "debug"};
+    for (const char *known : KNOWN) {
+        if (strcasecmp(name, known) == 0) {
+            return frwk_level_match(known);
+        }
+    }
+    return -1;
+}
 
 static bool has_settings(uint32_t id)
 {
@@ -79,7 +92,7 @@ static int set(int, char **argv)
     bool all = strcmp(module, "all") == 0;
     uint32_t id = all ? uint32_t{FRWK_MODULE_MAX} : device_module_arg(module);
     int mode = static_cast<int>(device_number_arg("mode", argv[1], 0, 3));
-    int level = device_level(level_text);
+    int level = level_of(level_text);
     if (level < 0) {
         device_fail(2, "unknown level '%s': null, error, warning, info or debug", level_text);
     }

@@ -225,7 +225,7 @@ static void obey(const order_t *order)
     }
 }
 
-static int32_t handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t req_len, uint8_t *, int32_t, uint32_t)
+static int32_t handle(uint32_t, uint32_t msg, const uint8_t *req, int32_t req_len, uint8_t *, int32_t, uint32_t)
 {
     order_t order = {msg, 0, 0};
     switch (msg) {
@@ -242,9 +242,6 @@ static int32_t handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t r
             return FRWK_ERROR_INVALID_PARAM;
         }
         break;
-    case DEVICE_MSG_MARK:
-        device_mark(from, req, req_len);
-        return FRWK_ERROR_SUCCESS;
     default:
         return FRWK_ERROR_UNSUPPORTED;
     }

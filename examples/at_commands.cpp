@@ -7,7 +7,7 @@
 #include <string.h>
 #include <strings.h>
 
-#include "device.h"
+#include "demo.h"
 
 enum { TIMEOUT = 3 };      /* seconds that a module may take to be ready for requests */
 enum { BAD_COMMAND = -1 }; /* result of a line that is no command, or has a wrong argument */
@@ -81,13 +81,13 @@ static int set_period(const char *arg)
 
 static int report(const char *)
 {
-    frwk_ipc_msg_broadcast(DEVICE_MSG_REPORT); /* to the supervised modules */
+    frwk_ipc_msg_broadcast(DEMO_MSG_REPORT); /* to the supervised modules */
     return FRWK_ERROR_SUCCESS;
 }
 
 static int mark(const char *arg)
 {
-    frwk_ipc_msg_broadcast_data(DEVICE_MSG_MARK, arg, static_cast<int32_t>(strlen(arg))); /* to all */
+    frwk_ipc_msg_broadcast_data(DEMO_MSG_MARK, arg, static_cast<int32_t>(strlen(arg))); /* to all */
     return FRWK_ERROR_SUCCESS;
 }
 
@@ -115,11 +115,11 @@ static int set_trace(const char *arg)
     char mode[8];
     const char *level = strrchr(arg, ',');
     if (!frwk_str_pick(arg, nullptr, ",", name, sizeof name) || !frwk_str_pick(arg, ",", ",", mode, sizeof mode) ||
-        frwk_module_id(name) == FRWK_MODULE_MAX || device_level(level + 1) < 0) {
+        frwk_module_id(name) == FRWK_MODULE_MAX || frwk_level_match(level + 1) < 0) {
         return BAD_COMMAND;
     }
     int32_t result = 0;
-    int32_t settings[2] = {atoi(mode), device_level(level + 1)};
+    int32_t settings[2] = {atoi(mode), frwk_level_match(level + 1)};
     int rc = frwk_ipc_msg_set(frwk_module_id(name), FRWK_MSG_SYS_LOG, settings, sizeof settings, TIMEOUT, &result);
     return rc != FRWK_ERROR_SUCCESS ? rc : result;
 }

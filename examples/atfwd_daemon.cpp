@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "at_commands.h"
-#include "device.h"
+#include "demo.h"
 
 enum { REOPEN_PAUSE = 1000 }; /* milliseconds */
 
@@ -79,7 +79,7 @@ static void serve_terminal(const char *path)
         }
         said = fd < 0;
         if (fd >= 0) {
-            device_raw(fd);
+            demo_raw(fd);
             frwk_mutex_lock(&s_lock);
             s_out = fd;
             frwk_mutex_unlock(&s_lock);
@@ -99,18 +99,18 @@ static int32_t handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t r
 {
     figures_t figures;
     switch (msg) {
-    case DEVICE_MSG_MEASURED:
+    case DEMO_MSG_MEASURED:
         if (req == nullptr || req_len != sizeof figures) {
             return FRWK_ERROR_INVALID_PARAM;
         }
         memcpy(&figures, req, sizeof figures);
         at_say("+MEASURED: %u.%02u", figures.busy / 100, figures.busy % 100);
         return FRWK_ERROR_SUCCESS;
-    case DEVICE_MSG_REPORT:
+    case DEMO_MSG_REPORT:
         FRWK_INFO("report: ready for commands");
         return FRWK_ERROR_SUCCESS;
-    case DEVICE_MSG_MARK:
-        device_mark(from, req, req_len);
+    case DEMO_MSG_MARK:
+        demo_mark(from, req, req_len);
         return FRWK_ERROR_SUCCESS;
     default:
         return FRWK_ERROR_UNSUPPORTED;
@@ -120,7 +120,8 @@ static int32_t handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t r
 int main(int argc, char **argv)
 {
     if (argc > 2) {
-        device_fail(2, "usage: atfwd_daemon [TERMINAL]");
+        fputs("usage: atfwd_daemon [TERMINAL]\n", stderr);
+        return 2;
     }
     frwk_mutex_create(&s_lock);
     if (frwk_module_init(FRWK_MODULE_ATFWD_DAEMON, nullptr) != FRWK_ERROR_SUCCESS) {

@@ -11,7 +11,7 @@
 
 #include <atomic>
 
-#include "device.h"
+#include "demo.h"
 
 enum { STATUS_READY = 1, STATUS_MEMORY_LOW = 2 };
 enum { PERIOD_MIN = 500, PERIOD_DEFAULT = 1000, PERIOD_MAX = 60000 }; /* milliseconds */
@@ -103,7 +103,7 @@ static void answer_waiting()
     frwk_list_for_each_safe (node, &s_waiting) {
         frwk_submodule_msg_t *msg = frwk_list_entry(node, frwk_submodule_msg_t, node);
         frwk_list_del(node);
-        frwk_ipc_msg_notify(msg->from, DEVICE_MSG_MEASURED, &figures, sizeof figures);
+        frwk_ipc_msg_notify(msg->from, DEMO_MSG_MEASURED, &figures, sizeof figures);
         free(msg);
     }
 }
@@ -173,10 +173,10 @@ static int32_t handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t r
         return set_period(req, req_len);
     case QMUX_MSG_MEASURE:
         return frwk_submodule_send(from, SUBMODULE_FIGURES, FIGURES_MEASURE, nullptr, 0);
-    case DEVICE_MSG_REPORT:
+    case DEMO_MSG_REPORT:
         return frwk_submodule_send(from, SUBMODULE_FIGURES, FIGURES_REPORT, nullptr, 0);
-    case DEVICE_MSG_MARK:
-        device_mark(from, req, req_len);
+    case DEMO_MSG_MARK:
+        demo_mark(from, req, req_len);
         return FRWK_ERROR_SUCCESS;
     default:
         return FRWK_ERROR_UNSUPPORTED;

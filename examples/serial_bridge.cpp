@@ -7,12 +7,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <atomic>
 
-#include "device.h"
+#include "demo.h"
 
 enum { REOPEN_PAUSE = 500 }; /* milliseconds */
 
@@ -44,7 +45,7 @@ static void open_side(side_t *side)
         frwk_simple_timer_start(&side->next_try, REOPEN_PAUSE);
         return;
     }
-    device_raw(side->fd);
+    demo_raw(side->fd);
     FRWK_INFO("opened %s", side->path);
 }
 
@@ -117,12 +118,12 @@ static int32_t handle(uint32_t from, uint32_t msg, const uint8_t *req, int32_t r
         }
         memcpy(rsp, &counts, sizeof counts);
         return FRWK_ERROR_SUCCESS;
-    case DEVICE_MSG_REPORT:
+    case DEMO_MSG_REPORT:
         FRWK_INFO("report: %llu bytes to the right, %llu to the left", static_cast<unsigned long long>(counts.to_right),
                   static_cast<unsigned long long>(counts.to_left));
         return FRWK_ERROR_SUCCESS;
-    case DEVICE_MSG_MARK:
-        device_mark(from, req, req_len);
+    case DEMO_MSG_MARK:
+        demo_mark(from, req, req_len);
         return FRWK_ERROR_SUCCESS;
     default:
         return FRWK_ERROR_UNSUPPORTED;
@@ -138,7 +139,8 @@ int main(int argc, char **argv)
         }
     }
     if (s_sides[0].path == nullptr || s_sides[1].path == nullptr || optind < argc) {
-        device_fail(2, "usage: serial_bridge -l DEVICE -r DEVICE");
+        fputs("usage: serial_bridge -l DEVICE -r DEVICE\n", stderr);
+        return 2;
     }
     if (frwk_module_init(FRWK_MODULE_SERIAL_BRIDGE, nullptr) != FRWK_ERROR_SUCCESS) {
         return 1;
