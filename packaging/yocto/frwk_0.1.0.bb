@@ -7,7 +7,22 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig
 
-EXTRA_OECMAKE = "-DFRWK_BUILD_TESTS=OFF -DFRWK_BUILD_EXAMPLES=OFF"
+EXTRA_OECMAKE = "-DFRWK_BUILD_TESTS=OFF"
+
+# A plain installation leaves the examples out: a device gets them when its image names their package.
+do_install:append() {
+    DESTDIR=${D} cmake --install ${B} --component examples
+}
+
+# The first package that names a file has it.
+PACKAGES =+ "${PN}-tools ${PN}-examples"
+FILES:${PN}-tools = "${bindir}/logtool ${bindir}/monitor_tool ${libexecdir}/frwk/monitor"
+FILES:${PN}-examples = "${libexecdir}/frwk ${docdir}/frwk-examples"
+
+# Of the same version: the library and the programs agree on the table of modules.
+RDEPENDS:${PN}-tools += "${PN} (= ${EXTENDPKGV})"
+RDEPENDS:${PN}-examples += "${PN}-tools (= ${EXTENDPKGV})"
+RSUGGESTS:${PN}-examples += "python3-core"
 
 # The C library loads libgcc_s by itself when a thread is cancelled; no binary names it.
 RDEPENDS:${PN} += "libgcc"
