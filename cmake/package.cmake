@@ -38,7 +38,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${long_description}This package holds 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME frwk-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONFLICTS logtool) # another program of that name, at the same place
-set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${long_description}This package holds the monitor, which starts and watches a device's daemons, and\nthe tools that look after them: monitor_tool and logtool.")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${long_description}This package holds the monitor, which starts and watches the daemons of a\ndevice, and the tools that look after them: monitor_tool and logtool.")
 
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME frwk-examples)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION misc)
