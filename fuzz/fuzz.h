@@ -2,17 +2,14 @@
 #ifndef FRWK_FUZZ_H
 #define FRWK_FUZZ_H
 
+#include "check.h"
+#include <frwk.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-
-#include "frwk.h"
-
-// Ends the run with a finding where the library breaks a promise.
-#define CHECK(cond)                                                                                                    \
-    ((cond) ? static_cast<void>(0) : (fprintf(stderr, "%s:%d: %s does not hold\n", __FILE__, __LINE__, #cond), abort()))
 
 // A save syncs all file systems, which would cost milliseconds each.
 extern "C" void sync() noexcept

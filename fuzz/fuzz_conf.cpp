@@ -1,14 +1,13 @@
 // The readers and writers of the configuration on hostile files. The first byte chooses the file and, as a cut-off
 // save leaves them, whether the input is its content, its backup's, or both parts of it.
 #include "fuzz.h"
+#include "xml_checks.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <iterator>
-
-#include "../tests/support/xml_checks.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
 // Operations on hash tables, chosen by the bytes of the input.
 #include "fuzz.h"
-
-#include "../tests/support/hash_model.h"
+#include "hash_model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

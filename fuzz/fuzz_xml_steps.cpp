@@ -1,7 +1,6 @@
 // Single steps of the parser.
 #include "fuzz.h"
-
-#include "../tests/support/xml_checks.h"
+#include "xml_checks.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -1,15 +1,15 @@
-// Random operations on hash tables and on the plainest equals of them, for the tests and the fuzz targets. CHECK is
-// theirs.
+// Random operations on hash tables and on the plainest equals of them, for the tests and the fuzz targets.
 #ifndef HASH_MODEL_H
 #define HASH_MODEL_H
+
+#include "check.h"
+#include <frwk.h>
 
 #include <algorithm>
 #include <functional>
 #include <map>
 #include <string>
 #include <vector>
-
-#include "frwk.h"
 
 struct Table {
     uint32_t bucket_count = 0; // while there is no such table

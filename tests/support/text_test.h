@@ -3,10 +3,10 @@
 #ifndef TEXT_TEST_H
 #define TEXT_TEST_H
 
+#include "frwk_test.h"
+
 #include <climits>
 #include <cstring>
-
-#include "frwk_test.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define SANITIZED 1 // with an allocator of its own
@@ -30,8 +30,6 @@ void *realloc(void *block, size_t size)
 }
 }
 #endif
-
-#define CHECK(cond) EXPECT_TRUE(cond) // of what is shared with the fuzz targets
 
 using Texts = std::vector<std::string>;
 

@@ -1,7 +1,9 @@
-// What holds for any text that the parser is given, for the fuzz targets; trees as texts, for the tests too. CHECK is
-// theirs.
+// What holds for any text that the parser is given, for the fuzz targets; trees as texts, for the tests too.
 #ifndef XML_CHECKS_H
 #define XML_CHECKS_H
+
+#include "check.h"
+#include <frwk.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -9,8 +11,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include "frwk.h"
 
 struct FreeDoc {
     void operator()(frwk_xml_doc_t *doc) const
