@@ -1,15 +1,14 @@
 // The hash table against its plain form, GLib's, the C++ library's and uthash. All own their keys.
-#include <glib.h>
-
 #define HASH_NONFATAL_OOM 0
+#include "growth.h"
+#include <frwk_hash.h>
+
+#include <glib.h>
 #include <uthash.h>
 
 #include <cstring>
 #include <random>
 #include <unordered_map>
-
-#include "frwk_hash.h"
-#include "growth.h"
 
 namespace {
 

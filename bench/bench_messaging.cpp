@@ -1,5 +1,8 @@
 // A request and its answer between two processes: the library's service against a bare one of the same design, and the
 // message systems that people use, with a lasting connection and with a fresh one for each request.
+#include "growth.h"
+#include <frwk.h>
+
 #include <dbus/dbus.h>
 #include <nanomsg/nn.h>
 #include <nanomsg/reqrep.h>
@@ -20,9 +23,6 @@
 #include <fstream>
 #include <memory>
 #include <thread>
-
-#include "frwk.h"
-#include "growth.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 // Messages between threads of one process: the submodule queue against its plain form, GLib's queue and ZeroMQ.
+#include "growth.h"
+#include <frwk.h>
+
 #include <glib.h>
 #include <zmq.h>
 
 #include <atomic>
 #include <cstring>
 #include <thread>
-
-#include "frwk.h"
-#include "growth.h"
 
 namespace {
 

@@ -1,13 +1,13 @@
 // Starting and stopping timers while others are pending, against a list walked from its head and the event loops.
+#include "growth.h"
+#include <frwk.h>
+
 #include <event2/event.h>
 #include <glib.h>
 #include <uv.h>
 
 #include <memory>
 #include <random>
-
-#include "frwk.h"
-#include "growth.h"
 
 namespace {
 

@@ -1,23 +1,22 @@
 // Trace lines: printed to the console (a file in memory), suppressed, and sent to the system log.
+#define SPDLOG_ACTIVE_LEVEL SPDLOG_LEVEL_TRACE
+#include "empty_call.h"
+#include "rounds.h"
+#include <frwk.h>
+
 #include <signal.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/syslog_sink.h>
+#include <spdlog/spdlog.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 
-#define SPDLOG_ACTIVE_LEVEL SPDLOG_LEVEL_TRACE
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/syslog_sink.h>
-#include <spdlog/spdlog.h>
-
 #include <cstring>
 #include <fstream>
-
-#include "empty_call.h"
-#include "frwk.h"
-#include "rounds.h"
 
 namespace {
 

@@ -1,15 +1,15 @@
 // Parsing and writing XML, against the bare making of the model and the bare copying of the text.
+#include "growth.h"
+#include <frwk.h>
+
 #include <expat.h>
 #include <libxml/parser.h>
 #include <libxml/tree.h>
+#include <pugixml.hpp>
 #include <tinyxml2.h>
 
 #include <cstring>
 #include <memory>
-#include <pugixml.hpp>
-
-#include "frwk.h"
-#include "growth.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 #ifndef BENCH_GROWTH_H
 #define BENCH_GROWTH_H
 
+#include "rounds.h"
+
 #include <benchmark/benchmark.h>
 
 #include <string>
-
-#include "rounds.h"
 
 namespace bench {
 

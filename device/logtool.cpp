@@ -1,14 +1,14 @@
 /*
  * logtool: what the modules trace. Lists and changes their settings, and follows what they write into the system log.
  */
+#include "device.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "device.h"
 
 enum { DEADLINE = 1000, FOLLOW_PERIOD = 200 }; /* milliseconds */
 

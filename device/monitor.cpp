@@ -10,6 +10,9 @@
  *
  * Status word: how many modules it has running.
  */
+#include "device.h"
+#include "process.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -18,9 +21,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-
-#include "device.h"
-#include "process.h"
 
 /* Milliseconds. */
 enum {

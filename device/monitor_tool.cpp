@@ -1,14 +1,14 @@
 /*
  * monitor_tool: how the device's modules are, and what the monitor does with them.
  */
+#include "device.h"
+
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-
-#include "device.h"
 
 /* Milliseconds, but for WAIT_DEFAULT and WAIT_MAX: seconds. */
 enum { DEADLINE = 1000, SEND_DEADLINE = 10000, WAIT_PERIOD = 50, WAIT_DEFAULT = 30, WAIT_MAX = 86400 };

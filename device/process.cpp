@@ -1,7 +1,8 @@
 #include "process.h"
 
-#include <fcntl.h>
 #include <frwk.h>
+
+#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>

@@ -3,11 +3,11 @@
  */
 #include "at_commands.h"
 
+#include "demo.h"
+
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-
-#include "demo.h"
 
 enum { TIMEOUT = 3 };      /* seconds that a module may take to be ready for requests */
 enum { BAD_COMMAND = -1 }; /* result of a line that is no command, or has a wrong argument */

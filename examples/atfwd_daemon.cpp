@@ -2,15 +2,15 @@
  * atfwd_daemon [TERMINAL]: answers command lines such as "AT+LOAD?" by asking the other modules. It reads them from a
  * terminal, which it opens again whenever the other end has hung up, or from its standard input, until that ends.
  */
+#include "at_commands.h"
+#include "demo.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
-
-#include "at_commands.h"
-#include "demo.h"
 
 enum { REOPEN_PAUSE = 1000 }; /* milliseconds */
 

@@ -4,6 +4,7 @@
  */
 #define _POSIX_C_SOURCE 200809L
 #include <frwk.h>
+
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>

@@ -2,6 +2,7 @@
  * dial_test: a whole module. It sends back what it is sent, so that a caller can measure the road there and back.
  */
 #include <frwk.h>
+
 #include <string.h>
 
 enum { DIAL_MSG_ECHO = FRWK_MSG_USER };

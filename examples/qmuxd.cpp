@@ -4,14 +4,14 @@
  *
  * Status word: bit 0 the figures are there, bit 1 less than a tenth of the memory is available.
  */
+#include "demo.h"
+
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <atomic>
-
-#include "demo.h"
 
 enum { STATUS_READY = 1, STATUS_MEMORY_LOW = 2 };
 enum { PERIOD_MIN = 500, PERIOD_DEFAULT = 1000, PERIOD_MAX = 60000 }; /* milliseconds */

@@ -4,6 +4,8 @@
  *
  * Status word: bit 0 the left device is open, bit 1 the right one.
  */
+#include "demo.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -12,8 +14,6 @@
 #include <unistd.h>
 
 #include <atomic>
-
-#include "demo.h"
 
 enum { REOPEN_PAUSE = 500 }; /* milliseconds */
 

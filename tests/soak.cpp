@@ -6,14 +6,14 @@
 // answer; now and then one of them is killed and another takes its place. One connects and stays silent, one never
 // reads its answers, one sends garbage. At times the module is out of descriptors. Prints figures and ends with 1 where
 // something was answered wrongly or lost, or where memory, descriptors or threads have grown.
+#include "frwk_test.h"
+
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
 #include <atomic>
 #include <random>
-
-#include "frwk_test.h"
 
 using namespace frwk_test;
 

@@ -1,7 +1,8 @@
 // Accidents that meet: a writer of a settings file is cut off at any of its calls; what runs next on what it has left
 // meets a failing call, once or for good; and two writers are at work in spite of the lock. What was acknowledged
 // before the cut, and what has been acknowledged since, is there afterwards.
-#include "support/faults.h"
+#include "conf_test.h"
+#include "faults.h"
 
 #include <grp.h>
 #include <sys/wait.h>
@@ -9,8 +10,6 @@
 #include <map>
 #include <numeric>
 #include <set>
-
-#include "conf_test.h"
 
 using namespace conf_test;
 using namespace frwk_test;

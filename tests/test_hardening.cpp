@@ -1,5 +1,7 @@
 // What a module meets on a device: users without rights, signals at any moment, threads that are cancelled in the
 // middle of a call, and clocks that have run for weeks.
+#include "conf_test.h"
+
 #include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
@@ -11,8 +13,6 @@
 #include <atomic>
 #include <cstring>
 #include <thread>
-
-#include "conf_test.h"
 
 using namespace conf_test;
 using namespace frwk_test;

@@ -1,8 +1,7 @@
-#include <random>
-
+#include "hash_model.h"
 #include "text_test.h"
 
-#include "hash_model.h"
+#include <random>
 
 namespace {
 

@@ -1,10 +1,10 @@
 // The request calls: what they send, byte by byte, and what they make of answers good and bad; against raw peers, real
 // modules, and the module itself.
+#include "stand_ins.h"
+
 #include <sys/socket.h>
 
 #include <future>
-
-#include "stand_ins.h"
 
 namespace {
 

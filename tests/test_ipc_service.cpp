@@ -1,9 +1,9 @@
 // The service of a module: its socket, dispatch and answers byte by byte, hostile peers, the limit of connections.
+#include "stand_ins.h"
+
 #include <sys/socket.h>
 
 #include <future>
-
-#include "stand_ins.h"
 
 namespace {
 

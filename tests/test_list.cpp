@@ -1,10 +1,10 @@
 // Intrusive lists, beside a vector.
+#include <frwk.h>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
-
-#include "frwk.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // The start configuration on disk: default file, setters and the message to the monitor, query, the monitor's table;
 // shell commands.
-#include <thread>
-
 #include "conf_test.h"
+
+#include <thread>
 
 using namespace conf_test;
 using namespace frwk_test;

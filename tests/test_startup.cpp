@@ -1,11 +1,11 @@
 // Start-up of modules: the lock, what the process inherits, the order of things, refusals.
+#include "stand_ins.h"
+
 #include <signal.h>
 #include <sys/prctl.h>
 
 #include <filesystem>
 #include <regex>
-
-#include "stand_ins.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include <unistd.h>
-
 #include "text_test.h"
+
+#include <unistd.h>
 
 using namespace frwk_test;
 

@@ -1,7 +1,7 @@
 // Submodules.
-#include <thread>
-
 #include "stand_ins.h"
+
+#include <thread>
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Mutexes, semaphores and threads.
+#include "stand_ins.h"
+
 #include <limits.h>
 #include <signal.h>
-
-#include "stand_ins.h"
 
 namespace {
 

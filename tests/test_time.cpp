@@ -1,8 +1,8 @@
 // Sleep, uptime, local time, random numbers.
+#include "stand_ins.h"
+
 #include <climits>
 #include <cstdlib>
-
-#include "stand_ins.h"
 
 static std::string sleeps;
 

@@ -1,7 +1,7 @@
 // The timer service, and deadlines held by the caller.
-#include <climits>
-
 #include "stand_ins.h"
+
+#include <climits>
 
 namespace {
 

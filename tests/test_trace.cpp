@@ -1,7 +1,7 @@
 // Trace levels, the trace line in both sinks, assertions.
-#include <syslog.h>
-
 #include "stand_ins.h"
+
+#include <syslog.h>
 
 namespace {
 

@@ -1,7 +1,7 @@
-#include <set>
-
 #include "text_test.h"
 #include "xml_checks.h"
+
+#include <set>
 
 namespace {
 

@@ -1,8 +1,8 @@
-#include <ctime>
-#include <thread>
-
 #include "text_test.h"
 #include "xml_checks.h"
+
+#include <ctime>
+#include <thread>
 
 using namespace frwk_test;
 

@@ -1,7 +1,7 @@
-#include <sys/resource.h>
-
 #include "text_test.h"
 #include "xml_checks.h"
+
+#include <sys/resource.h>
 
 using namespace frwk_test;
 

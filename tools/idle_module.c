@@ -3,6 +3,7 @@
  * heap, private memory and threads. Run by tools/size in the sandbox.
  */
 #include <frwk.h>
+
 #include <malloc.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -2,12 +2,12 @@
 #ifndef CONF_TEST_H
 #define CONF_TEST_H
 
+#include "frwk_test.h"
+
 #include <sys/file.h>
 #include <unistd.h>
 
 #include <filesystem>
-
-#include "frwk_test.h"
 
 namespace conf_test {
 

@@ -3,6 +3,8 @@
 #ifndef FRWK_TEST_H
 #define FRWK_TEST_H
 
+#include <frwk.h>
+
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -10,8 +12,6 @@
 #include <functional>
 #include <string>
 #include <vector>
-
-#include "frwk.h"
 
 namespace frwk_test {
 

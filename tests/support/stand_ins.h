@@ -3,6 +3,8 @@
 #ifndef FRWK_STAND_INS_H
 #define FRWK_STAND_INS_H
 
+#include "frwk_test.h"
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -14,8 +16,6 @@
 #include <atomic>
 #include <cstring>
 #include <regex>
-
-#include "frwk_test.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool SANITIZED = true; // allocates, maps and keeps memory in its own way
