@@ -170,7 +170,9 @@ std::vector<TraceLine> parse_console(const std::string &text)
 
 int failures()
 {
-    const testing::TestResult *result = testing::UnitTest::GetInstance()->current_test_info()->result();
+    const testing::UnitTest *all = testing::UnitTest::GetInstance();
+    const testing::TestInfo *test = all->current_test_info(); // null in a program that is no test, such as soak
+    const testing::TestResult *result = test != nullptr ? test->result() : &all->ad_hoc_test_result();
     int count = 0;
     for (int i = 0; i < result->total_part_count(); i++) {
         count += result->GetTestPartResult(i).failed();
