@@ -9,9 +9,9 @@
 #ifndef FRWK_HASH_H
 #define FRWK_HASH_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 

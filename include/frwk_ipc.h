@@ -11,9 +11,9 @@
 #ifndef FRWK_IPC_H
 #define FRWK_IPC_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 

@@ -8,9 +8,9 @@
 #ifndef FRWK_LIST_H
 #define FRWK_LIST_H
 
-#include <stddef.h>
-
 #include "frwk_defs.h"
+
+#include <stddef.h>
 
 FRWK_BEGIN_DECLS
 

@@ -6,9 +6,9 @@
 #ifndef FRWK_MODULE_H
 #define FRWK_MODULE_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 

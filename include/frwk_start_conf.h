@@ -8,9 +8,9 @@
 #ifndef FRWK_START_CONF_H
 #define FRWK_START_CONF_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 
@@ -38,8 +38,8 @@ FRWK_API int frwk_get_app_monitor_conf(uint32_t module_id);
 /**
  * Puts the default file, made from this process's table, in place of whatever is there.
  *
- * The file is written, synced, named `start_conf.xml.new`, and renamed. Blocks for sync() of all file systems, and up to 3
- * seconds for another writer, as frwk_set_app_start_cmd().
+ * The file is written, synced, named `start_conf.xml.new`, and renamed. Blocks for sync() of all file systems, and up
+ * to 3 seconds for another writer, as frwk_set_app_start_cmd().
  *
  * @return FRWK_ERROR_SUCCESS; -1, FRWK_ERROR_CONFIG_FILE or FRWK_ERROR_NOT_FOUND when the document cannot be built; -1
  *         also when the file cannot be saved. After a failure what was there is untouched, and no ".new" is left.

@@ -7,9 +7,9 @@
 #ifndef FRWK_STRING_H
 #define FRWK_STRING_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 

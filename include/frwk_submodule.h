@@ -5,10 +5,10 @@
 #ifndef FRWK_SUBMODULE_H
 #define FRWK_SUBMODULE_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
 #include "frwk_list.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 

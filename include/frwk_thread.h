@@ -5,10 +5,10 @@
 #ifndef FRWK_THREAD_H
 #define FRWK_THREAD_H
 
+#include "frwk_defs.h"
+
 #include <pthread.h>
 #include <semaphore.h>
-
-#include "frwk_defs.h"
 
 FRWK_BEGIN_DECLS
 

@@ -5,9 +5,9 @@
 #ifndef FRWK_TIME_H
 #define FRWK_TIME_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 

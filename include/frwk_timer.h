@@ -5,12 +5,12 @@
 #ifndef FRWK_TIMER_H
 #define FRWK_TIMER_H
 
-#include <pthread.h>
-#include <stdint.h>
-
 #include "frwk_defs.h"
 #include "frwk_list.h"
 #include "frwk_time.h"
+
+#include <pthread.h>
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 

@@ -13,10 +13,10 @@ level|file|function|line::message
 #ifndef FRWK_TRACE_H
 #define FRWK_TRACE_H
 
-#include <stdint.h>
-
 #include "frwk_defs.h"
 #include "frwk_module.h"
+
+#include <stdint.h>
 
 FRWK_BEGIN_DECLS
 
@@ -122,8 +122,8 @@ FRWK_API void frwk_assert_debug(int cond, const char *expr, const char *file, co
 /**
  * Puts the default `/usrdata/odm/log_conf.xml` in place of whatever is there: every module silent.
  *
- * The file is written, synced, named `log_conf.xml.new`, and renamed. Blocks for sync() of all file systems, and up to 3
- * seconds for another writer, as frwk_set_trace_info().
+ * The file is written, synced, named `log_conf.xml.new`, and renamed. Blocks for sync() of all file systems, and up to
+ * 3 seconds for another writer, as frwk_set_trace_info().
  *
  * @return FRWK_ERROR_SUCCESS; -1, FRWK_ERROR_CONFIG_FILE or FRWK_ERROR_NOT_FOUND when the document cannot be built;
  *         FRWK_ERROR_NOT_FOUND also when the file cannot be saved. After a failure what was there is untouched, and no

@@ -12,12 +12,12 @@
 #ifndef FRWK_XML_H
 #define FRWK_XML_H
 
-#include <stdint.h>
-#include <stdio.h>
-
 #include "frwk_defs.h"
 #include "frwk_list.h"
 #include "frwk_string.h"
+
+#include <stdint.h>
+#include <stdio.h>
 
 FRWK_BEGIN_DECLS
 

@@ -13,13 +13,14 @@
 #ifndef FRWK_COMMON_CONF_H
 #define FRWK_COMMON_CONF_H
 
-#include <memory>
-#include <stdint.h>
-
 #include "frwk_guard.h"
 #include "frwk_module.h"
 #include "frwk_trace.h"
 #include "frwk_xml_internal.h"
+
+#include <stdint.h>
+
+#include <memory>
 
 /* Where the trace lines of shared code come from: the exported call that it works for. */
 struct frwk_conf_site_t {

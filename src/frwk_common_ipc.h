@@ -4,11 +4,11 @@
 #ifndef FRWK_COMMON_IPC_H
 #define FRWK_COMMON_IPC_H
 
-#include <stddef.h>
-#include <stdint.h>
-
 #include "frwk_ipc.h"
 #include "frwk_trace.h"
+
+#include <stddef.h>
+#include <stdint.h>
 
 enum {
     IPC_PATH_SIZE = 256 /* room for the path of a socket */

@@ -4,14 +4,15 @@
 #ifndef FRWK_COMMON_MODULE_H
 #define FRWK_COMMON_MODULE_H
 
-#include <atomic>
-#include <semaphore.h>
-#include <stdint.h>
-
 #include "frwk_ipc.h"
 #include "frwk_list.h"
 #include "frwk_module.h"
 #include "frwk_submodule.h"
+
+#include <semaphore.h>
+#include <stdint.h>
+
+#include <atomic>
 
 /* Inside the library only: reached without the tables of the dynamic linker. */
 #pragma GCC visibility push(hidden)

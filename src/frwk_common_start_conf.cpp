@@ -1,12 +1,11 @@
 /*
  * The start configuration: every module's supervision flag and start arguments, kept in /usrdata/odm/start_conf.xml.
  */
-#include "frwk_start_conf.h"
-
 #include "frwk_bounded.h"
 #include "frwk_common_conf.h"
 #include "frwk_common_module.h"
 #include "frwk_ipc.h"
+#include "frwk_start_conf.h"
 #include "frwk_trace.h"
 
 #include <stdlib.h>

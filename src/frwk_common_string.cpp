@@ -1,7 +1,10 @@
 /*
  * Strings, growable buffers, and files that hold one value.
  */
+#include "frwk_bounded.h"
+#include "frwk_guard.h"
 #include "frwk_string.h"
+#include "frwk_trace.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -11,10 +14,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
-
-#include "frwk_bounded.h"
-#include "frwk_guard.h"
-#include "frwk_trace.h"
 
 static_assert(offsetof(frwk_buffer_t, size) == 0 && offsetof(frwk_buffer_t, len) == 4 &&
               offsetof(frwk_buffer_t, bp) == 8 && sizeof(frwk_buffer_t) == 8 + sizeof(void *));

@@ -2,7 +2,6 @@
  * Shell commands.
  */
 #include "frwk_start_conf.h"
-
 #include "frwk_trace.h"
 
 #include <stdlib.h>

@@ -7,10 +7,11 @@
 #ifndef FRWK_GUARD_H
 #define FRWK_GUARD_H
 
-#include <memory>
 #include <pthread.h>
 #include <stdlib.h>
 #include <unistd.h>
+
+#include <memory>
 
 struct heap_free {
     void operator()(void *block) const

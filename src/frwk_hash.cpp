@@ -3,14 +3,14 @@
  */
 #include "frwk_hash.h"
 
-#include <stddef.h>
-#include <stdlib.h>
-#include <string.h>
-
 #include "frwk_bounded.h"
 #include "frwk_guard.h"
 #include "frwk_string.h"
 #include "frwk_trace.h"
+
+#include <stddef.h>
+#include <stdlib.h>
+#include <string.h>
 
 enum { HANDLE_STEP = 16, SMALLEST_REQUEST = 3, DEFAULT_BUCKETS = 31 };
 

@@ -6,6 +6,12 @@
  */
 #include "frwk_xml.h"
 
+#include "frwk_bounded.h"
+#include "frwk_guard.h"
+#include "frwk_module.h"
+#include "frwk_trace.h"
+#include "frwk_xml_internal.h"
+
 #include <ctype.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -17,12 +23,6 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include "frwk_bounded.h"
-#include "frwk_guard.h"
-#include "frwk_module.h"
-#include "frwk_trace.h"
-#include "frwk_xml_internal.h"
 
 /* The records of the library's edge, in units of a pointer: where two 32-bit words share one, the widths differ. */
 static constexpr size_t WORD = sizeof(void *);

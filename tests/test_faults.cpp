@@ -1,14 +1,13 @@
 // Every call of the library into the system fails: each allocation, each thread, each socket and file call that a
 // scenario makes, one after the other, once or from then on. What comes of it is one of the listed outcomes, and each
 // of these is seen; nothing leaks, the settings are as they were, and the same call succeeds afterwards.
-#include "support/faults.h"
+#include "conf_test.h"
+#include "faults.h"
 
 #include <climits>
 #include <cstring>
 #include <regex>
 #include <set>
-
-#include "conf_test.h"
 
 using namespace conf_test;
 using namespace frwk_test;

@@ -1,4 +1,6 @@
 // The settings survive: a process killed at any moment of a change, two that change at once.
+#include "conf_test.h"
+
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -7,8 +9,6 @@
 
 #include <atomic>
 #include <map>
-
-#include "conf_test.h"
 
 using namespace conf_test;
 using namespace frwk_test;
