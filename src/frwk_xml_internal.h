@@ -1,10 +1,15 @@
 /*
- * What the configuration files need of the XML files beyond the public calls.
+ * Between the files of XML; and what the configuration files need of them beyond the public calls, which comes first.
  */
 #ifndef FRWK_XML_INTERNAL_H
 #define FRWK_XML_INTERNAL_H
 
+#include "frwk_string.h"
 #include "frwk_xml.h"
+
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 
 /* What reading a file came to. */
 enum frwk_xml_outcome {
@@ -41,5 +46,85 @@ struct frwk_xml_place_t {
  * without a whole file under the path, no backup, and a failure leaves what was there.
  */
 int frwk_xml_file_place(const frwk_xml_doc_t *doc, const frwk_xml_place_t &place);
+
+/* ------------------------------------- The document --------------------------------------- */
+
+static inline frwk_xml_node_t *node_of(frwk_list_t *link)
+{
+    return frwk_list_entry(link, frwk_xml_node_t, list);
+}
+
+static inline frwk_xml_attr_t *attr_of(frwk_list_t *link)
+{
+    return frwk_list_entry(link, frwk_xml_attr_t, list);
+}
+
+/* A new string in place of an owned one. */
+static inline void replace_text(char **owned, char *text)
+{
+    free(*owned);
+    *owned = text;
+}
+
+/*
+ * A copy of n bytes as a string; null when memory is short or the length does not fit the word of a node. Not inline:
+ * where the compiler sees that n is small, it copies by string instructions, which are slow to start.
+ */
+char *frwk_xml_copy_text(const char *text, size_t n);
+
+/* Sets a node's value and its length to n bytes; false, and nothing changed, when memory is short. */
+bool frwk_xml_copy_value(frwk_xml_node_t *node, const char *text, size_t n);
+
+/* ----------------------------------------- A parse ---------------------------------------- */
+
+enum frwk_xml_error : uint32_t {
+    ERROR_NONE,
+    ERROR_IO,
+    ERROR_MEMORY,
+    ERROR_DECLARATION_PLACE,
+    ERROR_COMMENT_END,
+    ERROR_OUTSIDE_TAGS,
+    ERROR_TAG_NAME,
+    ERROR_ATTR_NAME,
+    ERROR_ATTR,
+    ERROR_CHARACTER,
+    ERROR_TAG_LONG,
+    ERROR_ATTR_NAME_LONG,
+    ERROR_ATTR_VALUE_LONG,
+    ERROR_TAG_MISMATCH,
+    ERROR_ENTITY_OPEN,
+    ERROR_ENTITY,
+    ERROR_COUNT
+};
+
+enum parse_status : int32_t { STATUS_OK = 0, STATUS_TEXT_AGAIN = 1, STATUS_SYNTAX = 4, STATUS_NO_MEMORY = -1 };
+
+/* No bit that the parser knows: references are decoded. */
+enum { FLAGS_DECODE = 1 };
+
+/*
+ * Reads the content of `top` up to its closing tag, an error, or the end of the text, which closes what is open.
+ * Returns whether every element met in it was closed by the text itself.
+ */
+bool frwk_xml_read_content(frwk_xml_doc_t *doc, frwk_xml_node_t *top, uint32_t flags);
+
+/* ------------------------------------------ Files ----------------------------------------- */
+
+/* fopen(), made again when a signal interrupts it. */
+FILE *frwk_xml_open_file(const char *path, const char *mode);
+
+/*
+ * Reads up to size bytes and ends them; false when the disk fails: a piece of the file may well parse, and must not
+ * pass for it.
+ */
+bool frwk_xml_read_stream(FILE *fp, char *text, size_t size);
+
+enum frwk_xml_save_outcome { FRWK_XML_SAVED, FRWK_XML_NOT_CREATED, FRWK_XML_NOT_WRITTEN };
+
+/* Writes the file anew, with the old one as its backup meanwhile. */
+frwk_xml_save_outcome frwk_xml_replace_file(const char *path, const char *backup, const frwk_buffer_t *text);
+
+/* Puts a new file in place in one step. */
+frwk_xml_save_outcome frwk_xml_place_file(const frwk_xml_place_t &place, const frwk_buffer_t *text);
 
 #endif
