@@ -153,22 +153,13 @@ const Fault file_faults[] = {{"malloc", ENOMEM},
 
 enum End { NOT_REACHED, ACKNOWLEDGED, REFUSED };
 
-// Acts in a process of its own, which a fault may end; the n-th such call fails there.
+// Acts with the n-th such call failing. None of these faults ends the process: the files are too small for a buffer
+// that must grow.
 End act_with(const Fault &chosen, bool lasts, int n, const Act &act)
 {
-    fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        alarm(30);
-        (void)!freopen("/dev/null", "w", stderr); // where an assertion would be told
-        fault_after(n, chosen, lasts);
-        const int rc = act();
-        _exit(!no_more_faults() ? NOT_REACHED : rc == 0 ? ACKNOWLEDGED : REFUSED);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) || WTERMSIG(status) == SIGABRT) << "wait status " << status;
-    return WIFEXITED(status) ? static_cast<End>(WEXITSTATUS(status)) : REFUSED;
+    fault_after(n, chosen, lasts);
+    const int rc = act();
+    return !no_more_faults() ? NOT_REACHED : rc == 0 ? ACKNOWLEDGED : REFUSED;
 }
 
 int count_of(const Fault &chosen, const std::map<std::string, int> &calls)
@@ -195,13 +186,16 @@ std::map<std::string, int> count_calls(const Files &state, const Act &act)
     return counts;
 }
 
+// Where this is set in the environment, each accident is tried; else one of several that are alike.
+const char ALL[] = "FRWK_ACCIDENTS";
+
 // Of faults at this many calls one is tried: what lasts fails much the same, and so do the allocations of a parse.
 int stride_of(const std::string &call, bool lasts, bool is_deep)
 {
-    if (getenv("FRWK_ACCIDENTS") != nullptr) { // whatever it says: all
+    if (getenv(ALL) != nullptr) {
         return 1;
     }
-    return (call == "malloc" ? 5 : 1) * (lasts ? 3 : 1) * (is_deep ? 13 : 1) * (emulated() || OWN_ALLOCATOR ? 7 : 1);
+    return (call == "malloc" ? 7 : 1) * (lasts ? 3 : 1) * (is_deep ? 29 : 1) * (emulated() || OWN_ALLOCATOR ? 7 : 1);
 }
 
 // One act on one state with every fault. The number of faults.
@@ -360,6 +354,7 @@ int check_encounters(const Subject &subject, const Files &before, const Act &fir
     const std::set<std::string> with_second = {file_after({second}), both, other_way_round};
     const std::string with_neither = file_after({});
     int count = 0;
+    const int stride = getenv(ALL) != nullptr ? 1 : 2;
     for (int n = 1, m = 1; !testing::Test::HasFailure();) {
         restore(before);
         const Encounter ends = meet(first, second, n, m, is_killed);
@@ -376,7 +371,7 @@ int check_encounters(const Subject &subject, const Files &before, const Act &fir
         EXPECT_TRUE(is_there) << "calls " << n << " and " << m << (is_killed ? ", killed" : "") << ", acknowledged "
                               << ends.first_acknowledged << " and " << ends.second_acknowledged << ": " << found;
         n = ends.second_reached ? n : n + 1;
-        m = ends.second_reached ? m + 1 : 1;
+        m = ends.second_reached ? m + stride : 1 + n % stride;
     }
     return count;
 }
