@@ -10,6 +10,7 @@ set(sources
     frwk_common_timer.cpp
     frwk_common_submodule.cpp
     frwk_hash.cpp
+    frwk_xml_model.cpp
     frwk_xml_steps.cpp
     frwk_xml_write.cpp
     frwk_xml_file.cpp

@@ -1,10 +1,14 @@
 /*
  * Between the files of XML; and what the configuration files need of them beyond the public calls, which comes first.
+ *
+ * Nothing of XML recurses along the nesting of elements, so that neither a file nor a program can exhaust a thread's
+ * stack by depth.
  */
 #ifndef FRWK_XML_INTERNAL_H
 #define FRWK_XML_INTERNAL_H
 
 #include "frwk_string.h"
+#include "frwk_trace.h"
 #include "frwk_xml.h"
 
 #include <stdint.h>
@@ -46,6 +50,15 @@ struct frwk_xml_place_t {
  * without a whole file under the path, no backup, and a failure leaves what was there.
  */
 int frwk_xml_file_place(const frwk_xml_doc_t *doc, const frwk_xml_place_t &place);
+
+/* ----------------------------------------- Traces ----------------------------------------- */
+
+/*
+ * Logs know XML by this file name, whichever of its files a message comes from; and by the public call that failed, in
+ * whose name its helpers report.
+ */
+#define XML_ERR_AS(func, ...) frwk_trace_print("frwk_xml.cpp", func, __LINE__, FRWK_TRACE_ERROR, __VA_ARGS__)
+#define XML_ERR(...) XML_ERR_AS(__func__, __VA_ARGS__)
 
 /* ------------------------------------- The document --------------------------------------- */
 

@@ -1,8 +1,6 @@
 /*
  * XML: the steps of the parser, which trace nothing.
  */
-#include "frwk_bounded.h"
-#include "frwk_guard.h"
 #include "frwk_string.h"
 #include "frwk_xml_internal.h"
 

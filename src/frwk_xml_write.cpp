@@ -1,7 +1,6 @@
 /*
  * XML: the layout, and the writers to a stream and to a buffer, which trace nothing.
  */
-#include "frwk_bounded.h"
 #include "frwk_string.h"
 #include "frwk_xml_internal.h"
 
