@@ -72,6 +72,46 @@ TEST(XmlWrite, PartsAlone)
     frwk_buffer_free(&b);
 }
 
+// The size that a buffer reaches is its user's memory: the sum of what the pieces of the text ask for, one by one.
+TEST(XmlWrite, BufferGrowsPieceByPiece)
+{
+    for (int n = 0; n < 13000; n += n < 3900 || n % 4096 > 3900 || n % 4096 < 50 ? 1 : 97) {
+        const int depth = n % 7 == 0 ? n / 7 + 1 : 3;
+        int size = 4096, len = 0;
+        auto ask = [&](int bytes) { size += size - len <= bytes ? bytes / 4096 * 4096 + 4096 : 0; };
+        auto put = [&](int bytes) { ask(bytes), len += bytes; };
+        auto escaped = [&](const std::string &plain) {
+            for (size_t i = 0; i < plain.size(); i++) {
+                ask(8), len++;
+            }
+        };
+        const std::string name(static_cast<size_t>(n % 1009 + 1), 'n'), value(static_cast<size_t>(n), 'v');
+        const int name_len = static_cast<int>(name.size());
+        ask(4 * depth), len += 3 * (depth - 1);
+        put(1), put(name_len), put(1), put(1), put(2); // <name a="
+        escaped(value);
+        put(1), put(1); // ">
+        escaped(value);
+        ask(8), len += 4; // &lt;
+        escaped(value);
+        put(2), put(name_len), put(2); // </name>
+
+        Doc doc(frwk_xml_alloc_doc());
+        frwk_xml_node_append(doc->root, name.c_str(), (value + "<" + value).c_str());
+        frwk_xml_node_t *node = frwk_xml_get_doc_root(doc.get());
+        frwk_xml_attr_t *attr = frwk_xml_alloc_attr();
+        attr->name = frwk_strdup("a");
+        attr->value = frwk_strdup(value.c_str());
+        frwk_list_add(&node->attrs, &attr->list);
+        node->depth = depth;
+        frwk_buffer_t b;
+        EXPECT_EQ(1, frwk_buffer_init(&b));
+        EXPECT_EQ(0, frwk_xml_cache_save(&b, node, SPACES));
+        EXPECT_EQ((std::pair{size, len}), (std::pair{b.size, b.len})) << n;
+        frwk_buffer_free(&b);
+    }
+}
+
 // Texts of every length up to 300, which fills the buffer at every offset and grows it often.
 TEST(XmlSave, ReplacesTheFile)
 {
