@@ -261,7 +261,8 @@ int main()
     run("100 pending, due anywhere", 100, false, 0.7);
     run("1,000 pending, due last", 1000, true, 0.02);
     run("10,000 pending, due last", 10000, true, 0.001);
-    run("1,000 pending, due anywhere", 1000, false, 0);
+    run("1,000 pending, due anywhere", 1000, false, 0.05);
+    run("10,000 pending, due anywhere", 10000, false, 0.006);
     bench::run_growth();
     return 0;
 }

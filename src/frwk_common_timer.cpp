@@ -12,6 +12,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <atomic>
+
 enum { TIMER_PERIOD_MS = 500 }; /* how often the thread looks, and the least delay */
 
 frwk_timer_ctrl_t g_s_timer_ctrl;
@@ -26,19 +28,50 @@ static_assert(offsetof(frwk_timer_t, id) == 2 * sizeof(void *) &&
               offsetof(frwk_timer_t, data) == 3 * sizeof(void *) + 8 &&
               offsetof(frwk_timer_t, expire) == 4 * sizeof(void *) + 8);
 
-/* A pending timer as the service keeps it. */
+/* A pending timer as the service keeps it; its links in the lanes lie behind it. */
 struct pending_t {
     frwk_timer_t timer;
     pending_t *next; /* of the same bucket of by_id */
+    uint32_t lane_count;
 };
 
-/* The pending timers by id, so that a stop need not walk the list. Guarded by the service's mutex. */
-enum { ID_BUCKETS = 256 };
-static pending_t *by_id[ID_BUCKETS];
+/*
+ * The pending timers by id, so that a stop need not walk the list. There are as many buckets as timers, unless memory
+ * was short when they should have become more. Guarded by the service's mutex, as all that follows.
+ */
+enum { FEW_IDS = 256, MORE_IDS = 4 };
+static pending_t *few_ids[FEW_IDS];
+static pending_t **by_id = few_ids;
+static uint32_t bucket_count = FEW_IDS;
+static uint32_t pending_count;
 static int32_t last_id;
 static bool ids_repeat; /* once they have started again, pending timers may have the same id */
 
-static frwk_timer_t *timer_of(const frwk_list_t *node)
+/*
+ * Express lanes over the list, so that a start need not walk it: the lowest stops at about every fourth of its records,
+ * each higher one at about every fourth stop of the one below. A stop in a lane is a stop in all below it.
+ */
+static constexpr uint32_t LANES = 8;
+static frwk_list_t lanes[LANES];
+static uint32_t lanes_used; /* the higher ones are empty */
+
+static pending_t *pending_of(frwk_timer_t *timer)
+{
+    return reinterpret_cast<pending_t *>(timer);
+}
+
+static frwk_list_t *lanes_of(pending_t *pending)
+{
+    return reinterpret_cast<frwk_list_t *>(pending + 1);
+}
+
+/* The record that these are the links of. */
+static pending_t *owner_of(frwk_list_t *links)
+{
+    return reinterpret_cast<pending_t *>(links) - 1;
+}
+
+static frwk_timer_t *timer_of(frwk_list_t *node)
 {
     return frwk_list_entry(node, frwk_timer_t, node);
 }
@@ -52,11 +85,16 @@ static int64_t ms_between(const frwk_uptime_t *a, const frwk_uptime_t *b)
     return (int64_t{a->sec} - b->sec) * 1000 + (a->usec - b->usec) / 1000;
 }
 
+static pending_t **bucket_of(int id)
+{
+    return &by_id[static_cast<uint32_t>(id) % bucket_count];
+}
+
 /* The timer of that id that comes first in the list, null when there is none. */
 static frwk_timer_t *find_by_id(int id)
 {
     frwk_timer_t *first = nullptr;
-    for (pending_t *p = by_id[static_cast<unsigned int>(id) % ID_BUCKETS]; p != nullptr; p = p->next) {
+    for (pending_t *p = *bucket_of(id); p != nullptr; p = p->next) {
         /* A bucket is newest first, and of two that are due alike the older one comes first. */
         if (p->timer.id == id && (first == nullptr || ms_between(&p->timer.expire, &first->expire) <= 0)) {
             first = &p->timer;
@@ -68,25 +106,64 @@ static frwk_timer_t *find_by_id(int id)
     return first;
 }
 
-static void link_by_id(frwk_timer_t *timer)
+static void link_by_id(pending_t *pending)
 {
-    pending_t *pending = reinterpret_cast<pending_t *>(timer);
-    pending_t **bucket = &by_id[static_cast<unsigned int>(timer->id) % ID_BUCKETS];
+    pending_t **bucket = bucket_of(pending->timer.id);
     pending->next = *bucket;
     *bucket = pending;
 }
 
-/* Takes a timer out of the list and of by_id. */
+/* A chain in the opposite order. */
+static pending_t *reversed(pending_t *chain)
+{
+    pending_t *done = nullptr;
+    while (chain != nullptr) {
+        pending_t *next = chain->next;
+        chain->next = done;
+        done = chain;
+        chain = next;
+    }
+    return done;
+}
+
+/* More buckets. The oldest timer of each is linked first, so that the newest stays in front. */
+static void grow_by_id()
+{
+    pending_t **old = by_id;
+    uint32_t old_count = bucket_count;
+    pending_t **grown = static_cast<pending_t **>(calloc(old_count, MORE_IDS * sizeof *grown));
+    if (grown == nullptr) {
+        return;
+    }
+    by_id = grown;
+    bucket_count = old_count * MORE_IDS;
+    for (uint32_t i = 0; i < old_count; i++) {
+        for (pending_t *p = reversed(old[i]), *next; p != nullptr; p = next) {
+            next = p->next;
+            link_by_id(p);
+        }
+    }
+    if (old != few_ids) {
+        free(old);
+    }
+}
+
+/* Takes a timer out of the list, the lanes and by_id. */
 static frwk_timer_t *unlink_timer(frwk_timer_t *timer)
 {
-    pending_t **link = &by_id[static_cast<unsigned int>(timer->id) % ID_BUCKETS];
-    while (*link != nullptr && &(*link)->timer != timer) {
+    pending_t *pending = pending_of(timer);
+    pending_t **link = bucket_of(timer->id);
+    while (*link != nullptr && *link != pending) {
         link = &(*link)->next;
     }
     if (*link != nullptr) {
-        *link = (*link)->next;
+        *link = pending->next;
+    }
+    for (uint32_t lane = 0; lane < pending->lane_count; lane++) {
+        frwk_list_del(&lanes_of(pending)[lane]);
     }
     frwk_list_del(&timer->node);
+    pending_count--;
     return timer;
 }
 
@@ -171,39 +248,82 @@ static bool due_later(const frwk_uptime_t *a, const frwk_uptime_t *b)
     return a->sec != b->sec ? a->sec > b->sec : a->usec > b->usec;
 }
 
-/* Whether the search for the timer's place is likely shorter from the head of the list than from its tail. */
-static bool nearer_to_head(const frwk_list_t *head, const frwk_timer_t *timer)
+/* Later as frwk_time_diff() counts: in a later second, or at least a millisecond later in the same one. */
+static bool due_ms_later(const frwk_uptime_t *a, const frwk_uptime_t *b)
 {
-    return ms_between(&timer->expire, &timer_of(head->next)->expire) <
-           ms_between(&timer_of(head->prev)->expire, &timer->expire);
+    return a->sec != b->sec ? a->sec > b->sec : a->usec - b->usec >= 1000;
 }
 
-/*
- * The last record that is due no later than the timer, or the head when there is none. By the order of the list
- * nothing before such a record is due a millisecond after it.
- */
-static frwk_list_t *search_back(frwk_list_t *head, const frwk_timer_t *timer)
+/* Leaves out the higher lanes that have become empty, but for as many as the next timer needs. */
+static void use_lanes(uint32_t needed)
 {
-    frwk_list_t *pos = head->prev;
-    while (pos != head && due_later(&timer_of(pos)->expire, &timer->expire)) {
-        pos = pos->prev;
+    while (lanes_used > needed && lanes[lanes_used - 1].next == &lanes[lanes_used - 1]) {
+        lanes_used--;
     }
-    return pos;
+    for (; lanes_used < needed; lanes_used++) {
+        frwk_list_init(&lanes[lanes_used]);
+    }
 }
 
 /*
- * Links the timer before the first one that is due later by milliseconds, that is in a later second or at least a
- * millisecond later in the same one. From whichever end the search begins, the place is the same.
+ * The record that is due no later than the timer and after which the lanes lead nowhere before it, or the head of the
+ * list; `stops` receives where the timer stands behind in each lane. By the order of the list nothing before such a
+ * record is due a millisecond after the timer.
  */
-static void insert_sorted(frwk_timer_t *timer)
+static frwk_list_t *search_lanes(const frwk_timer_t *timer, frwk_list_t *stops[])
 {
+    frwk_list_t *at = lanes; /* those of the record reached, or the heads */
+    for (uint32_t lane = lanes_used; lane-- > 0;) {
+        while (at[lane].next != &lanes[lane] &&
+               !due_later(&owner_of(at[lane].next - lane)->timer.expire, &timer->expire)) {
+            at = at[lane].next - lane;
+        }
+        stops[lane] = &at[lane];
+    }
+    return at == lanes ? &g_s_timer_ctrl.list : &owner_of(at)->timer.node;
+}
+
+/*
+ * Links the timer before the first one that is due a millisecond later. From whichever record due no later the walk
+ * begins, the place is the same.
+ */
+static void insert_sorted(pending_t *pending)
+{
+    frwk_timer_t *timer = &pending->timer;
     frwk_list_t *head = &g_s_timer_ctrl.list;
-    bool forward = !frwk_list_empty(head) && nearer_to_head(head, timer);
-    frwk_list_t *pos = (forward ? head : search_back(head, timer))->next;
-    while (pos != head && ms_between(&timer_of(pos)->expire, &timer->expire) <= 0) {
-        pos = pos->next;
+    frwk_list_t *at = head->prev;
+    frwk_list_t *stops[LANES];
+    use_lanes(pending->lane_count);
+    if (at == head || !due_later(&timer_of(at)->expire, &timer->expire)) { /* behind all, as most */
+        for (uint32_t lane = 0; lane < pending->lane_count; lane++) {
+            stops[lane] = lanes[lane].prev;
+        }
+    } else {
+        at = search_lanes(timer, stops);
+        for (; at->next != head && !due_ms_later(&timer_of(at->next)->expire, &timer->expire); at = at->next) {
+            pending_t *passed = pending_of(timer_of(at->next));
+            for (uint32_t lane = 0; lane < passed->lane_count; lane++) {
+                stops[lane] = &lanes_of(passed)[lane];
+            }
+        }
     }
-    frwk_list_add(pos, &timer->node);
+    frwk_list_add(at->next, &timer->node);
+    for (uint32_t lane = 0; lane < pending->lane_count; lane++) {
+        frwk_list_add(stops[lane]->next, &lanes_of(pending)[lane]);
+    }
+    pending_count++;
+}
+
+/* How many lanes stop at the next timer: each at a quarter of the timers of the one below, in no pattern. */
+static uint32_t choose_lanes()
+{
+    static std::atomic<uint32_t> started; /* may lose a count to another thread: it need not be exact */
+    uint32_t count = started.load(std::memory_order_relaxed) + 1;
+    started.store(count, std::memory_order_relaxed);
+    uint32_t mixed = count * 0x9e3779b1U;
+    mixed = (mixed ^ mixed >> 15) * 0x85ebca77U;
+    uint32_t chosen = static_cast<uint32_t>(__builtin_clz(mixed | 1)) / 2;
+    return chosen < LANES ? chosen : LANES;
 }
 
 int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay)
@@ -216,12 +336,14 @@ int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay
         FRWK_ERR("timer service is not started!");
         return 0;
     }
-    pending_t *pending = static_cast<pending_t *>(malloc(sizeof *pending));
+    uint32_t lane_count = choose_lanes();
+    pending_t *pending = static_cast<pending_t *>(malloc(sizeof *pending + lane_count * sizeof(frwk_list_t)));
     if (pending == nullptr) {
         FRWK_ERR("alloc new timer[%d] failed!", timer_num);
         return 0;
     }
     *pending = {};
+    pending->lane_count = lane_count;
     frwk_timer_t *timer = &pending->timer;
     timer->timer_num = timer_num;
     timer->cb = cb;
@@ -231,8 +353,11 @@ int frwk_timer_cb_start(int timer_num, frwk_timer_cb_t cb, void *data, int delay
     mutex_guard lock(&g_s_timer_ctrl.mutex);
     int32_t id = take_id();
     timer->id = id;
-    link_by_id(timer);
-    insert_sorted(timer);
+    if (pending_count >= bucket_count) {
+        grow_by_id();
+    }
+    link_by_id(pending);
+    insert_sorted(pending);
     return id;
 }
 

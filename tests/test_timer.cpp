@@ -2,6 +2,7 @@
 #include "stand_ins.h"
 
 #include <climits>
+#include <random>
 
 namespace {
 
@@ -81,6 +82,48 @@ TEST(Timer, IdsAndOrder)
     EXPECT_EQ(&data, frwk_timer_stop(8));
     EXPECT_EQ(&early, frwk_timer_stop(7));
     EXPECT_EQ(&late, frwk_timer_stop(7));
+}
+
+// However many are pending, a timer stands before the first that is due a millisecond later, in whatever order they are
+// started and stopped; many are due within one.
+TEST(Timer, PlaceAmongThousands)
+{
+    ASSERT_EQ(0, frwk_timer_init(nullptr));
+    std::mt19937 random(1);
+    std::vector<std::pair<int64_t, int>> model; // microseconds and id, in list order
+    auto ids = [&] {
+        std::vector<int> all;
+        frwk_list_for_each (node, &g_s_timer_ctrl.list) {
+            all.push_back(frwk_list_entry(node, frwk_timer_t, node)->id);
+        }
+        return all;
+    };
+    for (int step = 0; step < 20000; step++) {
+        if (random() % 20 < (step < 10000 ? 6 : 12) && !model.empty()) {
+            auto stopped = model.begin() + static_cast<ptrdiff_t>(random() % model.size());
+            EXPECT_EQ(&data, frwk_timer_stop(stopped->second));
+            model.erase(stopped);
+            continue;
+        }
+        int64_t due = random() % 3 == 0 ? random() % 5000 : random() % 100000000;
+        fixed_uptime = (1000000 + due) * 1000;
+        auto later = [&](const std::pair<int64_t, int> &one) {
+            return one.first / 1000000 != due / 1000000 ? one.first > due : one.first - due >= 1000;
+        };
+        auto place = std::find_if(model.begin(), model.end(), later);
+        model.insert(place, {due, frwk_timer_start(0, &data, 100000000)});
+        if (step % 1000 == 0) {
+            std::vector<int> expected;
+            for (auto [when, id] : model) {
+                expected.push_back(id);
+            }
+            ASSERT_EQ(expected, ids()) << step;
+        }
+    }
+    for (auto [when, id] : model) {
+        EXPECT_EQ(&data, frwk_timer_stop(id));
+    }
+    EXPECT_EQ("", pending());
 }
 
 // Callbacks start and stop timers too; a timer that is just fired is unknown by then. None fires during a callback, so
