@@ -49,7 +49,8 @@ static bool ids_repeat; /* once they have started again, pending timers may have
 
 /*
  * Express lanes over the list, so that a start need not walk it: the lowest stops at about every fourth of its records,
- * each higher one at about every fourth stop of the one below. A stop in a lane is a stop in all below it.
+ * each higher one at about every fourth stop of the one below. A stop in a lane is a stop in all below it. Stops that
+ * are due within a millisecond may stand in another order than in the list: a search ends before them as well.
  */
 static constexpr uint32_t LANES = 8;
 static frwk_list_t lanes[LANES];
@@ -266,9 +267,8 @@ static void use_lanes(uint32_t needed)
 }
 
 /*
- * The record that is due no later than the timer and after which the lanes lead nowhere before it, or the head of the
- * list; `stops` receives where the timer stands behind in each lane. By the order of the list nothing before such a
- * record is due a millisecond after the timer.
+ * The last stop that is due no later than the timer, or the head of the list; `stops` receives the last of each lane.
+ * By the order of the list nothing before such a record is due a millisecond after the timer.
  */
 static frwk_list_t *search_lanes(const frwk_timer_t *timer, frwk_list_t *stops[])
 {
@@ -301,10 +301,6 @@ static void insert_sorted(pending_t *pending)
     } else {
         at = search_lanes(timer, stops);
         for (; at->next != head && !due_ms_later(&timer_of(at->next)->expire, &timer->expire); at = at->next) {
-            pending_t *passed = pending_of(timer_of(at->next));
-            for (uint32_t lane = 0; lane < passed->lane_count; lane++) {
-                stops[lane] = &lanes_of(passed)[lane];
-            }
         }
     }
     frwk_list_add(at->next, &timer->node);

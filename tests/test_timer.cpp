@@ -89,6 +89,13 @@ TEST(Timer, IdsAndOrder)
 TEST(Timer, PlaceAmongThousands)
 {
     ASSERT_EQ(0, frwk_timer_init(nullptr));
+    int older, newer;
+    for (int *given : {&older, &newer}) {
+        g_s_timer_ctrl.next_id = 7;
+        fixed_uptime = 0;
+        EXPECT_EQ(7, frwk_timer_start(0, given, 100000000));
+    }
+    g_s_timer_ctrl.next_id = 1000000;
     std::mt19937 random(1);
     std::vector<std::pair<int64_t, int>> model; // microseconds and id, in list order
     auto ids = [&] {
@@ -99,7 +106,7 @@ TEST(Timer, PlaceAmongThousands)
         return all;
     };
     for (int step = 0; step < 20000; step++) {
-        if (random() % 20 < (step < 10000 ? 6 : 12) && !model.empty()) {
+        if (random() % 20 < (step < 12000 ? 6 : 14) && !model.empty()) {
             auto stopped = model.begin() + static_cast<ptrdiff_t>(random() % model.size());
             EXPECT_EQ(&data, frwk_timer_stop(stopped->second));
             model.erase(stopped);
@@ -113,7 +120,7 @@ TEST(Timer, PlaceAmongThousands)
         auto place = std::find_if(model.begin(), model.end(), later);
         model.insert(place, {due, frwk_timer_start(0, &data, 100000000)});
         if (step % 1000 == 0) {
-            std::vector<int> expected;
+            std::vector<int> expected = {7, 7};
             for (auto [when, id] : model) {
                 expected.push_back(id);
             }
@@ -123,6 +130,8 @@ TEST(Timer, PlaceAmongThousands)
     for (auto [when, id] : model) {
         EXPECT_EQ(&data, frwk_timer_stop(id));
     }
+    EXPECT_EQ(&older, frwk_timer_stop(7));
+    EXPECT_EQ(&newer, frwk_timer_stop(7));
     EXPECT_EQ("", pending());
 }
 
