@@ -12,8 +12,8 @@
 
 namespace {
 
-constexpr size_t KEYS = 1000;
-constexpr int BUCKETS = 1009;
+constexpr size_t KEYS = 1000, MANY_KEYS = 100000;
+constexpr int BUCKETS = 1009, MANY_BUCKETS = 100003;
 
 // The described table, written directly: a byte at a time, a division, and a comparison for every entry of the chain.
 struct Plain {
@@ -118,7 +118,7 @@ struct Plain {
 };
 Plain plain;
 
-// What the benchmarks drive: enter, look up (the value, or -1), remove, all by key.
+// What the benchmarks drive: enter, look up (the value, or -1), remove, all by key; and the sum of all values.
 struct FloorTable {
     int handle;
     explicit FloorTable(int size) : handle(plain.create(size))
@@ -142,6 +142,17 @@ struct FloorTable {
     bool remove(const char *key)
     {
         return plain.remove(handle, key) == 0;
+    }
+    intptr_t sum() const
+    {
+        intptr_t sum = 0;
+        const Plain::Table *table = plain.tables[static_cast<size_t>(handle)];
+        for (uint32_t i = 0; i < table->count; i++) {
+            for (frwk_hash_entry_t *entry = table->buckets[i]; entry != nullptr; entry = entry->next) {
+                sum += entry->value.data;
+            }
+        }
+        return sum;
     }
 };
 
@@ -169,6 +180,15 @@ struct OurTable {
     {
         return frwk_hash_delete(handle, key) == 0;
     }
+    intptr_t sum() const
+    {
+        intptr_t sum = 0;
+        for (frwk_hash_entry_t *entry = frwk_hash_first(handle); entry != nullptr;
+             entry = frwk_hash_next(handle, entry)) {
+            sum += entry->value.data;
+        }
+        return sum;
+    }
 };
 
 struct GlibTable {
@@ -195,6 +215,16 @@ struct GlibTable {
     {
         return g_hash_table_remove(table, key);
     }
+    intptr_t sum() const
+    {
+        intptr_t sum = 0;
+        GHashTableIter iter;
+        gpointer key, value;
+        for (g_hash_table_iter_init(&iter, table); g_hash_table_iter_next(&iter, &key, &value);) {
+            sum += reinterpret_cast<intptr_t>(value);
+        }
+        return sum;
+    }
 };
 
 struct StdTable {
@@ -214,6 +244,14 @@ struct StdTable {
     bool remove(const char *key)
     {
         return map.erase(key) == 1;
+    }
+    intptr_t sum() const
+    {
+        intptr_t sum = 0;
+        for (const auto &[key, value] : map) {
+            sum += value;
+        }
+        return sum;
     }
 };
 
@@ -269,6 +307,14 @@ struct UtTable {
         }
         drop(node);
         return true;
+    }
+    intptr_t sum() const
+    {
+        intptr_t sum = 0;
+        for (const Node *node = nodes; node != nullptr; node = static_cast<const Node *>(node->hh.next)) {
+            sum += node->value;
+        }
+        return sum;
     }
 };
 
@@ -350,7 +396,50 @@ template <typename Table> double miss_batch(size_t n)
     });
 }
 
-#define OPERATION(name, most, batch)                                                                                   \
+// A large table, filled once: most of what an operation touches lies outside the nearest caches.
+template <typename Table> struct Large {
+    static const Large &instance()
+    {
+        static const Large large;
+        return large;
+    }
+    Large() : table(MANY_BUCKETS), absent(make_keys(MANY_KEYS, "x"))
+    {
+        fill(table, make_keys(MANY_KEYS, ""));
+    }
+    mutable Table table;
+    std::vector<std::string> absent;
+};
+
+template <typename Table> double large_miss_batch(size_t n)
+{
+    const Large<Table> &large = Large<Table>::instance();
+    double start = bench::now_ns();
+    for (size_t done = 0; done < n; done++) {
+        CHECK(large.table.lookup(large.absent[done % MANY_KEYS].c_str()) == -1);
+    }
+    return bench::now_ns() - start;
+}
+template <typename Table> double iterate_batch(size_t n)
+{
+    const Large<Table> &large = Large<Table>::instance();
+    double start = bench::now_ns();
+    for (size_t done = 0; done < n; done += MANY_KEYS) {
+        CHECK(large.table.sum() == static_cast<intptr_t>(MANY_KEYS * (MANY_KEYS - 1) / 2));
+    }
+    return bench::now_ns() - start;
+}
+template <typename Table> double create_batch(size_t n)
+{
+    double start = bench::now_ns();
+    for (size_t done = 0; done < n; done++) {
+        Table table(MANY_BUCKETS);
+        CHECK(table.lookup("a") == -1);
+    }
+    return bench::now_ns() - start;
+}
+
+#define OPERATION(name, most, batch, step)                                                                             \
     bench::run({name,                                                                                                  \
                 {bench::floor_of(batch<FloorTable>),                                                                   \
                  bench::ours_of(batch<OurTable>),                                                                      \
@@ -361,7 +450,7 @@ template <typename Table> double miss_batch(size_t n)
                 0,                                                                                                     \
                 "",                                                                                                    \
                 0,                                                                                                     \
-                KEYS})
+                step})
 
 // A table of as many buckets as keys, filled, asked for every key, and freed.
 template <typename Table> void life(benchmark::State &state)
@@ -394,10 +483,16 @@ int main()
     bench::use_cores(1);
     bench::measuring_clock = CLOCK_THREAD_CPUTIME_ID;
     bench::print_header("### Hash table: 1,000 keys in 1,009 buckets, one core");
-    OPERATION("enter", 0.9, enter_batch);
-    OPERATION("look up, there", 0.75, hit_batch);
-    OPERATION("look up, absent", 0.55, miss_batch);
-    OPERATION("delete", 0.9, delete_batch);
+    OPERATION("enter", 0.9, enter_batch, KEYS);
+    OPERATION("look up, there", 0.75, hit_batch, KEYS);
+    OPERATION("look up, absent", 0.55, miss_batch, KEYS);
+    OPERATION("delete", 0.9, delete_batch, KEYS);
+    bench::print_header("### Hash table: 100,000 keys in 100,003 buckets, one core");
+    OPERATION("look up, absent", 0.35, large_miss_batch, 1);
+    OPERATION("iterate, an entry", 0, iterate_batch, MANY_KEYS);
+    bench::run({"create and free, empty",
+                {bench::floor_of(create_batch<FloorTable>), bench::ours_of(create_batch<OurTable>)},
+                1.5});
     bench::run_growth();
     return 0;
 }

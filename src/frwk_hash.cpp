@@ -15,19 +15,28 @@
 enum { HANDLE_STEP = 16, SMALLEST_REQUEST = 3, DEFAULT_BUCKETS = 31 };
 
 /*
- * What one allocation holds: the entry that callers see, the sum of its key, and behind it the text of the key. The
- * sum spares most comparisons, and the one block a second allocation.
+ * What one allocation holds: the sum of the key, the entry that callers see, and behind it the text of the key. The
+ * sum spares most comparisons; it stands beside the entry's link, so that passing over an entry takes one line of the
+ * cache.
  */
 struct hash_node {
-    frwk_hash_entry_t entry;
     uint32_t sum;
+    frwk_hash_entry_t entry;
 };
 
+/*
+ * Each bucket has a byte of marks, one bit for an eighth of the sums that lead to it, set when a key of that eighth is
+ * entered and never cleared. So most keys that are not there are known by that byte alone, and buckets that were never
+ * used are passed over a word of marks at a time.
+ */
 struct hash_table {
     uint32_t count;      /* buckets */
-    uint32_t reciprocal; /* of count, see bucket_of() */
+    uint32_t reciprocal; /* of count, see slot_of() */
     frwk_hash_entry_t **buckets;
+    uint8_t *marks; /* behind the buckets in the same block, with zeros up to a whole word */
 };
+
+using marks_word = size_t;
 
 /* Maps handles to tables; all zero while no table exists. */
 static struct {
@@ -72,12 +81,22 @@ static key_sum sum_key(const char *key)
     return {sum, static_cast<size_t>(p - reinterpret_cast<const unsigned char *>(key))};
 }
 
-/* sum modulo count: the quotient from the rounded-down reciprocal is exact or one too small. */
-static uint32_t bucket_of(const hash_table *table, uint32_t sum)
+/* Where the keys of a sum are, and the bit that tells of them. */
+struct hash_slot {
+    uint32_t bucket;
+    uint8_t mark;
+};
+
+/* The bucket is sum modulo count: the quotient from the rounded-down reciprocal is exact or one too small. */
+static hash_slot slot_of(const hash_table *table, uint32_t sum)
 {
     uint32_t quotient = static_cast<uint32_t>(static_cast<uint64_t>(sum) * table->reciprocal >> 32);
     uint32_t rest = sum - quotient * table->count;
-    return rest >= table->count ? rest - table->count : rest;
+    if (rest >= table->count) {
+        rest -= table->count;
+        quotient++;
+    }
+    return {rest, static_cast<uint8_t>(1U << (quotient % 8))};
 }
 
 static bool is_prime(uint32_t n)
@@ -85,7 +104,7 @@ static bool is_prime(uint32_t n)
     if (n % 2 == 0) {
         return n == 2;
     }
-    for (uint32_t d = 3; d <= n / d; d += 2) {
+    for (uint32_t d = 3; d * d <= n; d += 2) { /* n has 31 bits, so that d * d fits */
         if (n % d == 0) {
             return false;
         }
@@ -170,12 +189,14 @@ int frwk_hash_create(int size)
     }
     table->count = bucket_count(size);
     table->reciprocal = UINT32_MAX / table->count; /* without the division of 64 bits that ARM lacks */
-    table->buckets = static_cast<frwk_hash_entry_t **>(calloc(table->count, sizeof(frwk_hash_entry_t *)));
+    size_t words = size_t{table->count} + table->count / sizeof(marks_word) + 1;
+    table->buckets = static_cast<frwk_hash_entry_t **>(calloc(words, sizeof(marks_word)));
     if (table->buckets == nullptr) {
         FRWK_ERR("alloc error!");
         release_handle(handle);
         return -1;
     }
+    table->marks = reinterpret_cast<uint8_t *>(table->buckets + table->count);
     handles.slots[handle] = table.release();
     return handle;
 }
@@ -187,11 +208,58 @@ static void release_value(frwk_hash_value_t *value)
     }
 }
 
+static hash_node *node_of(frwk_hash_entry_t *entry)
+{
+    return reinterpret_cast<hash_node *>(reinterpret_cast<char *>(entry) - offsetof(hash_node, entry));
+}
+
 /* Ends an entry that no chain holds any more, and with it its key. */
 static void free_entry(frwk_hash_entry_t *entry)
 {
     release_value(&entry->value);
-    free(entry);
+    free(node_of(entry));
+}
+
+/* Begins to load both ends of an entry into the cache. Inline, since compilers take a call that only does so for dead.
+ */
+__attribute__((always_inline)) static inline void prefetch(const frwk_hash_entry_t *entry)
+{
+    if (entry != nullptr) {
+        __builtin_prefetch(entry);
+        __builtin_prefetch(&entry->bucket);
+    }
+}
+
+/*
+ * What a walk over the entries comes to soon: the first entry of a bucket, and when that has arrived the second. One
+ * miss of the cache would wait for the other, since each entry leads to the next.
+ */
+__attribute__((always_inline)) static inline void prefetch_behind(const hash_table *table, uint32_t bucket)
+{
+    constexpr uint32_t AHEAD = 12;
+    if (bucket + 2 * AHEAD < table->count) {
+        prefetch(table->buckets[bucket + 2 * AHEAD]);
+        const frwk_hash_entry_t *first = table->buckets[bucket + AHEAD];
+        prefetch(first != nullptr ? first->next : nullptr);
+    }
+}
+
+/* The first bucket from there on that is not empty, or count. */
+static uint32_t used_bucket(const hash_table *table, uint32_t bucket)
+{
+    while (bucket < table->count) {
+        marks_word word;
+        if (bucket % sizeof word == 0 && (memcpy(&word, table->marks + bucket, sizeof word), word == 0)) {
+            bucket += sizeof word;
+            continue;
+        }
+        prefetch_behind(table, bucket);
+        if (table->buckets[bucket] != nullptr) {
+            return bucket;
+        }
+        bucket++;
+    }
+    return table->count;
 }
 
 void frwk_hash_free(int handle)
@@ -200,7 +268,7 @@ void frwk_hash_free(int handle)
     if (table == nullptr) {
         return;
     }
-    for (uint32_t i = 0; i < table->count; i++) {
+    for (uint32_t i = used_bucket(table, 0); i < table->count; i = used_bucket(table, i + 1)) {
         for (frwk_hash_entry_t *entry = table->buckets[i], *next; entry != nullptr; entry = next) {
             next = entry->next;
             free_entry(entry);
@@ -234,7 +302,7 @@ frwk_hash_value_t frwk_hash_value_string(const char *text, int copy)
 static inline frwk_hash_entry_t **find_link(frwk_hash_entry_t **link, const char *key, uint32_t sum)
 {
     for (; *link != nullptr; link = &(*link)->next) {
-        const hash_node *node = reinterpret_cast<const hash_node *>(*link);
+        const hash_node *node = node_of(*link);
         if (node->sum == sum && strcmp(reinterpret_cast<const char *>(node->entry.key.data), key) == 0) {
             break;
         }
@@ -278,8 +346,8 @@ frwk_hash_entry_t *frwk_hash_enter(int handle, const char *key, frwk_hash_value_
         return nullptr;
     }
     key_sum sum = sum_key(key);
-    uint32_t bucket = bucket_of(table, sum.sum);
-    frwk_hash_entry_t **link = find_link(&table->buckets[bucket], key, sum.sum);
+    hash_slot slot = slot_of(table, sum.sum);
+    frwk_hash_entry_t **link = find_link(&table->buckets[slot.bucket], key, sum.sum);
     frwk_hash_entry_t *entry = *link;
     if (entry != nullptr) {
         replace_value(entry, &value);
@@ -291,8 +359,9 @@ frwk_hash_entry_t *frwk_hash_enter(int handle, const char *key, frwk_hash_value_
         return nullptr;
     }
     entry->value = value;
-    entry->bucket = static_cast<int32_t>(bucket);
+    entry->bucket = static_cast<int32_t>(slot.bucket);
     *link = entry;
+    table->marks[slot.bucket] |= slot.mark;
     return entry;
 }
 
@@ -307,7 +376,8 @@ frwk_hash_entry_t *frwk_hash_lookup(int handle, const char *key)
         return nullptr;
     }
     uint32_t sum = sum_key(key).sum;
-    return *find_link(&table->buckets[bucket_of(table, sum)], key, sum);
+    hash_slot slot = slot_of(table, sum);
+    return (table->marks[slot.bucket] & slot.mark) != 0 ? *find_link(&table->buckets[slot.bucket], key, sum) : nullptr;
 }
 
 void *frwk_hash_lookup_symbol(int handle, const char *key)
@@ -331,7 +401,7 @@ int frwk_hash_delete(int handle, const char *key)
         return -1;
     }
     uint32_t sum = sum_key(key).sum;
-    frwk_hash_entry_t **link = find_link(&table->buckets[bucket_of(table, sum)], key, sum);
+    frwk_hash_entry_t **link = find_link(&table->buckets[slot_of(table, sum).bucket], key, sum);
     frwk_hash_entry_t *entry = *link;
     if (entry == nullptr) {
         FRWK_WARN("hash(%s) not found!", key);
@@ -344,12 +414,8 @@ int frwk_hash_delete(int handle, const char *key)
 
 static frwk_hash_entry_t *first_from(const hash_table *table, uint32_t bucket)
 {
-    for (; bucket < table->count; bucket++) {
-        if (table->buckets[bucket] != nullptr) {
-            return table->buckets[bucket];
-        }
-    }
-    return nullptr;
+    bucket = used_bucket(table, bucket);
+    return bucket < table->count ? table->buckets[bucket] : nullptr;
 }
 
 frwk_hash_entry_t *frwk_hash_first(int handle)
