@@ -516,6 +516,7 @@ void start_server(void (*server)())
 {
     if (fork() == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        prctl(PR_SET_NAME, "server"); // for profiles
         server();
     }
 }
@@ -533,6 +534,7 @@ void run_on(int cores, const std::function<void()> &operations)
 {
     pid_t pid = fork();
     if (pid == 0) {
+        prctl(PR_SET_NAME, "client");
         bench::use_cores(cores);
         for (const char *path : {floor_path, "/tmp/bench-bus", "/tmp/bench-nng", "/tmp/bench-zmq", "/tmp/bench-nanomsg",
                                  "/tmp/odm/ipc/qmuxd"}) {

@@ -104,6 +104,51 @@ struct FloorQueue {
     }
 };
 
+// ---- the blocks alone: allocated by the senders and freed by the receiver, as every message is, a burst at a time
+
+struct Blocks {
+    Inbox inbox;
+    struct Line {
+        std::vector<void *> burst;
+        std::atomic<bool> full{false};
+    } lines[SENDERS];
+    sem_t posted;
+
+    Blocks()
+    {
+        sem_init(&posted, 0, 0);
+        std::thread([this] { receive(); }).detach();
+    }
+    void send(uint32_t sender, const Payload &payload)
+    {
+        Line &line = lines[sender];
+        line.burst.push_back(malloc(sizeof(frwk_submodule_msg_t) + sizeof payload));
+        memcpy(line.burst.back(), &payload, sizeof payload);
+        if (line.burst.size() == inbox.lines[sender].wanted) {
+            line.full.store(true, std::memory_order_release);
+            sem_post(&posted);
+        }
+    }
+    void receive()
+    {
+        for (;;) {
+            sem_wait(&posted);
+            for (Line &line : lines) {
+                if (line.full.exchange(false, std::memory_order_acquire)) {
+                    std::vector<void *> burst = std::move(line.burst);
+                    line.burst.clear();
+                    for (void *block : burst) {
+                        Payload payload;
+                        memcpy(&payload, block, sizeof payload);
+                        free(block);
+                        inbox.take(payload); // after the last, the sender fills the line anew
+                    }
+                }
+            }
+        }
+    }
+};
+
 // ---- the library: a submodule for every configuration, since none can be ended
 
 Inbox our_inbox;
@@ -221,6 +266,7 @@ void run_on(int cores, uint32_t sid)
     bench::use_cores(cores);     // the receiving threads inherit it
     auto floor = new FloorQueue; // all live as long as the threads that wait on them: to the end
     auto ours = new OurQueue(sid);
+    auto blocks = new Blocks;
     auto glib = new GlibQueue;
     auto zmq = new ZmqQueue(sid);
     for (unsigned senders : {1U, SENDERS}) {
@@ -228,6 +274,7 @@ void run_on(int cores, uint32_t sid)
                         std::to_string(cores) + (cores == 1 ? " core" : " cores"),
                     {bench::floor_of(batch(floor, senders)),
                      bench::ours_of(batch(ours, senders)),
+                     bench::part_of("malloc() and free() alone", batch(blocks, senders)),
                      {"GAsyncQueue", batch(glib, senders)},
                      {"ZeroMQ inproc", batch(zmq, senders)}},
                     0.25,

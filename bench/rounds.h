@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
@@ -50,15 +51,21 @@ struct Contender {
     std::function<double(size_t)> batch; // does that many operations and returns the nanoseconds they took
     bool floor = false;
     bool ours = false;
+    bool part = false; // of the work that all must do: no peer
 };
 
 inline Contender floor_of(std::function<double(size_t)> batch)
 {
-    return {"floor", std::move(batch), true, false};
+    return {"floor", std::move(batch), true};
 }
 inline Contender ours_of(std::function<double(size_t)> batch, const std::string &how = "")
 {
     return {how.empty() ? "libfrwk" : "libfrwk, " + how, std::move(batch), false, true};
+}
+
+inline Contender part_of(const std::string &name, std::function<double(size_t)> batch)
+{
+    return {name, std::move(batch), false, false, true};
 }
 
 // Times a body that does all of a batch.
@@ -192,8 +199,14 @@ inline std::string verdicts(const Operation &operation, const std::vector<Figure
     return text;
 }
 
+inline std::string table_title;
+
 inline void print_header(const char *title)
 {
+    table_title = title + strspn(title, "# ");
+    if (getenv("BENCH_ONLY") != nullptr) {
+        return;
+    }
     fprintf(report(),
             "\n%s\n\n| operation | contender | time | ratio to the floor | libfrwk's ratio to it | target |\n"
             "|---|---|---:|---:|---:|---|\n",
@@ -205,21 +218,50 @@ inline void print_header(const char *title)
 inline void run_alone(const Operation &operation, const std::string &name)
 {
     for (const Contender &contender : operation.contenders) {
-        size_t n = contender.name == name ? batch_size(contender, operation.step) : 0;
-        for (int round = 0; n > 0 && round < 10 * operation.rounds; round++) {
-            contender.batch(n);
+        if (contender.name != name) {
+            continue;
         }
+        size_t n = batch_size(contender, operation.step);
+        std::vector<double> times;
+        for (int round = 0; round < 10 * operation.rounds; round++) {
+            times.push_back(contender.batch(n) / static_cast<double>(n));
+        }
+        fprintf(report(), "%s, %s alone: %s\n", operation.name.c_str(), name.c_str(), time_text(median(times)).c_str());
+        fflush(report());
     }
 }
 
-// Measures one operation and prints its rows. With BENCH_ONLY set to a contender's name, runs that one and prints none.
+// Appends the figures to the file that BENCH_RECORD names: table, operation, role, contender, nanoseconds, ratio to the
+// floor, the library's ratio to it.
+inline void record(const Operation &operation, const std::vector<Figures> &figures)
+{
+    const char *path = getenv("BENCH_RECORD");
+    FILE *file = path != nullptr ? fopen(path, "a") : nullptr;
+    if (file == nullptr) {
+        return;
+    }
+    for (size_t i = 0; i < figures.size(); i++) {
+        const Contender &contender = operation.contenders[i];
+        const char *role = contender.floor ? "floor" : contender.ours ? "ours" : contender.part ? "part" : "peer";
+        fprintf(file, "%s\t%s\t%s\t%s\t%.4g\t%.4g\t%.4g\n", table_title.c_str(), operation.name.c_str(), role,
+                figures[i].name.c_str(), figures[i].ns, figures[i].to_floor, figures[i].ours_to_it);
+    }
+    CHECK(fclose(file) == 0);
+}
+
+// Measures one operation and prints its rows. With BENCH_ONLY set to a contender's name, runs that one and prints none,
+// of the operation that BENCH_OPERATION names where that is set.
 inline void run(const Operation &operation)
 {
     if (const char *only = getenv("BENCH_ONLY")) {
-        run_alone(operation, only);
+        const char *wanted = getenv("BENCH_OPERATION");
+        if (wanted == nullptr || operation.name == wanted) {
+            run_alone(operation, only);
+        }
         return;
     }
     std::vector<Figures> figures = measure(operation);
+    record(operation, figures);
     for (size_t i = 0; i < figures.size(); i++) {
         const Figures &row = figures[i];
         bool ours = operation.contenders[i].ours;

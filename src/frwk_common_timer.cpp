@@ -37,7 +37,8 @@ struct pending_t {
 
 /*
  * The pending timers by id, so that a stop need not walk the list. There are as many buckets as timers, unless memory
- * was short when they should have become more. Guarded by the service's mutex, as all that follows.
+ * was short when they should have become more; always a power of two. Guarded by the service's mutex, as all that
+ * follows.
  */
 enum { FEW_IDS = 256, MORE_IDS = 4 };
 static pending_t *few_ids[FEW_IDS];
@@ -88,7 +89,7 @@ static int64_t ms_between(const frwk_uptime_t *a, const frwk_uptime_t *b)
 
 static pending_t **bucket_of(int id)
 {
-    return &by_id[static_cast<uint32_t>(id) % bucket_count];
+    return &by_id[static_cast<uint32_t>(id) & (bucket_count - 1)];
 }
 
 /* The timer of that id that comes first in the list, null when there is none. */
