@@ -1,5 +1,5 @@
 /*
- * dial_test: a whole module. It sends back what it is sent, so that a caller can measure the road there and back.
+ * dial_test: a whole module. It sends back what it is sent, so that a caller can time the round trip.
  */
 #include <frwk.h>
 
