@@ -1,10 +1,8 @@
 #include "device.h"
 
 #include <errno.h>
-#include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
-#include <strings.h>
 #include <time.h>
 
 /*
@@ -157,58 +155,4 @@ const char *device_error(int rc)
     default:
         return "cannot be asked: memory or threads are short";
     }
-}
-
-void device_fail(int status, const char *fmt, ...)
-{
-    va_list args;
-    va_start(args, fmt);
-    fflush(stdout);
-    fprintf(stderr, "%s: ", program_invocation_short_name);
-    vfprintf(stderr, fmt, args);
-    fputc('\n', stderr);
-    va_end(args);
-    exit(status);
-}
-
-int device_run(const device_command_t *commands, size_t count, const char *usage, int argc, char **argv)
-{
-    const char *tool = program_invocation_short_name;
-    if (argc < 2) {
-        device_fail(2, "a command is missing (see %s --help)", tool);
-    }
-    if (strcmp(argv[1], "--help") == 0) {
-        fputs(usage, stdout);
-        return 0;
-    }
-    int args = argc - 2;
-    for (size_t i = 0; i < count; i++) {
-        if (strcmp(argv[1], commands[i].name) == 0) {
-            if (args < commands[i].min_args || args > commands[i].max_args) {
-                device_fail(2, "wrong number of arguments for '%s' (see %s --help)", argv[1], tool);
-            }
-            return commands[i].run(args, argv + 2);
-        }
-    }
-    device_fail(2, "unknown command '%s' (see %s --help)", argv[1], tool);
-}
-
-uint32_t device_module_arg(const char *text)
-{
-    uint32_t id = frwk_module_id(text);
-    if (id == FRWK_MODULE_MAX) {
-        device_fail(2, "unknown module '%s'", text);
-    }
-    return id;
-}
-
-long device_number_arg(const char *what, const char *text, long min, long max)
-{
-    char *end;
-    errno = 0;
-    long number = strtol(text, &end, strncasecmp(text, "0x", 2) == 0 ? 16 : 10);
-    if (errno != 0 || end == text || *end != '\0' || number < min || number > max) {
-        device_fail(2, "'%s' is no %s: a number from %ld to %ld", text, what, min, max);
-    }
-    return number;
 }

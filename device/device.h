@@ -1,5 +1,5 @@
 /*
- * What the programs of the device share: a request with a deadline, and the reading of the tools' command lines.
+ * What the programs of the device ask modules by: a request with a deadline.
  */
 #ifndef DEVICE_H
 #define DEVICE_H
@@ -21,23 +21,5 @@ int device_ping(uint32_t id, int ms);
 
 /* What a result of device_request() says about the module that was asked, such as "is not running". */
 const char *device_error(int rc);
-
-/* The way out of a failure: one line on standard error, exit with `status`, 1 for a failure and 2 for misuse. */
-[[noreturn]] void device_fail(int status, const char *fmt, ...) FRWK_PRINTF_FORMAT(2, 3);
-
-/* A command of a tool, with the number of arguments that it takes and the function that gets them. */
-struct device_command_t {
-    const char *name;
-    int min_args;
-    int max_args;
-    int (*run)(int argc, char **argv);
-};
-
-/* Runs the command that the tool's own arguments name. @return its result; `usage` is printed for --help */
-int device_run(const device_command_t *commands, size_t count, const char *usage, int argc, char **argv);
-
-/* The tools' arguments; what is no module or no number from `min` to `max` is misuse. */
-uint32_t device_module_arg(const char *text);
-long device_number_arg(const char *what, const char *text, long min, long max);
 
 #endif

@@ -11,6 +11,7 @@
  * Status word: how many modules it has running.
  */
 #include "device.h"
+#include "options.h"
 #include "process.h"
 
 #include <errno.h>
@@ -253,7 +254,7 @@ static void note_signal(int)
     s_end = 1;
 }
 
-int main()
+static int run(int, char **)
 {
     struct sigaction action = {};
     action.sa_handler = note_signal;
@@ -263,10 +264,10 @@ int main()
     s_children = frwk_hash_create(FRWK_MODULE_MAX);
     ssize_t len = readlink("/proc/self/exe", s_program, sizeof s_program - 1);
     if (len < 0 || s_children < 0 || pipe2(s_orders, O_CLOEXEC | O_NONBLOCK) != 0) {
-        device_fail(1, "cannot start: %s", strerror(errno));
+        device_fail(DEVICE_EXIT_FAILURE, "cannot start: %s", strerror(errno));
     }
     if (frwk_module_init(FRWK_MODULE_MONITOR, nullptr) != FRWK_ERROR_SUCCESS) {
-        return 1;
+        return DEVICE_EXIT_FAILURE; /* it has said why on standard error */
     }
     frwk_ipc_init(handle);
     start_all();
@@ -281,4 +282,32 @@ int main()
     stop_all();
     frwk_hash_free(s_children);
     return 0;
+}
+
+static const device_note_t FILES[] = {
+    {"/usrdata/odm/start_conf.xml", "which modules it starts, and with which arguments"},
+    {"/usrdata/odm/log_conf.xml", "what it traces, like every module"},
+    {},
+};
+
+static const device_program_t MONITOR = {
+    "runs the modules of the device, and starts anew what has died or hangs",
+    "It starts every supervised module whose program lies in the directory of its own, asks each for a sign of life "
+    "once a second, and starts anew what has died or fallen silent; the pause before that doubles, up to 30 seconds, "
+    "while a module keeps dying.\n"
+    "It stays in the foreground. SIGTERM, SIGINT and SIGHUP stop all modules and end it. monitor_tool tells it what to "
+    "do, logtool what to trace.",
+    0,
+    nullptr,
+    run,
+    nullptr,
+    nullptr,
+    FILES,
+    nullptr,
+    "it cannot start, or another copy runs",
+};
+
+int main(int argc, char **argv)
+{
+    return device_run(&MONITOR, argc, argv);
 }
