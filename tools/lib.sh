@@ -30,3 +30,8 @@ build_alone() {
     cmake -B "$@" -D FRWK_BUILD_TESTS=OFF -D FRWK_BUILD_DEVICE=OFF -D FRWK_BUILD_EXAMPLES=OFF >/dev/null
     cmake --build "$1" -- -j"$(nproc)" >/dev/null
 }
+
+# When the version was released, in seconds: what is built bears this date, and not the day's.
+release_time() {
+    date -d "$(sed -n 's/^ -- .*>  //p' packaging/debian/changelog.in)" +%s
+}
