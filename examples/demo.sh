@@ -2,18 +2,28 @@
 # Runs a device made of device/ and the examples and prints what it does. tools/demo builds the programs and calls this in a private copy of
 # the device's paths. Exits with 1 when an answer was wrong.
 #
-#   demo.sh [--keep]     --keep opens a shell beside the running device before it is stopped
+#   demo.sh [--keep] [--log FILE]
+#
+#   --keep      opens a shell beside the running device before it is stopped
+#   --log FILE  leaves the system log there
 set -u
 
 keep=
-case ${1:-} in
-'') ;;
---keep) keep=yes ;;
-*)
-    echo "usage: demo.sh [--keep]" >&2
-    exit 2
-    ;;
-esac
+kept_log=
+while [ $# -gt 0 ]; do
+    case $#,$1 in
+    *,--keep) keep=yes ;;
+    [!1],--log)
+        kept_log=$2
+        shift
+        ;;
+    *)
+        echo "usage: demo.sh [--keep] [--log FILE]" >&2
+        exit 2
+        ;;
+    esac
+    shift
+done
 
 programs=${DEVICE_PROGRAMS:-$(cd "$(dirname "$0")/.." && pwd)/build/release/programs}
 PATH=$programs:$PATH
@@ -226,6 +236,7 @@ run kill -TERM "$monitor"
 check "the monitor should end in order" wait "$monitor"
 check "nothing should be left running" all_stopped
 monitor_tool status
+[ -z "$kept_log" ] || run cp "$log" "$kept_log"
 
 title "$checks checks, $wrong wrong"
 [ $wrong -eq 0 ]

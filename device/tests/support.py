@@ -46,7 +46,7 @@ class DeviceTest(unittest.TestCase):
             shutil.rmtree(path, ignore_errors=True)
 
     def start(self, program, *args, **options):
-        process = subprocess.Popen(command(program, *args), stdin=subprocess.DEVNULL, **options)
+        process = subprocess.Popen(command(program, *args), **{"stdin": subprocess.DEVNULL, **options})
         self.addCleanup(self.stop, process)
         return process
 
@@ -58,10 +58,10 @@ class DeviceTest(unittest.TestCase):
             if stream:
                 stream.close()
 
-    def start_monitor(self):
+    def start_monitor(self, **options):
         """A monitor that finds no program beside itself."""
         path = os.path.join(self.work, "monitor")
         shutil.copy(os.path.join(PROGRAMS, "monitor"), path)
-        process = self.start(path)
+        process = self.start(path, **options)
         self.assertEqual(run("monitor_tool", "wait", "monitor").returncode, 0)
         return process
