@@ -29,3 +29,13 @@ configure_file(cmake/frwk.pc.in ${PROJECT_BINARY_DIR}/frwk.pc.in @ONLY)
 install(CODE "configure_file(\"${PROJECT_BINARY_DIR}/frwk.pc.in\" \"${PROJECT_BINARY_DIR}/frwk.pc\" @ONLY)"
     COMPONENT development)
 install(FILES ${PROJECT_BINARY_DIR}/frwk.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# A page of each header, with the names of what it declares.
+if(FRWK_BUILD_MAN)
+    find_program(doxygen doxygen REQUIRED)
+    set(pages ${PROJECT_BINARY_DIR}/man3)
+    add_custom_command(OUTPUT ${pages}/frwk.h.3.gz COMMAND ${PROJECT_SOURCE_DIR}/tools/man library ${pages}
+        DEPENDS ${frwk_headers} ${PROJECT_SOURCE_DIR}/tools/man ${PROJECT_SOURCE_DIR}/docs/Doxyfile VERBATIM)
+    add_custom_target(frwk_man_library ALL DEPENDS ${pages}/frwk.h.3.gz)
+    install(DIRECTORY ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
+endif()

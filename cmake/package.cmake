@@ -25,20 +25,24 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/debian/triggers CONTENT "activate-noawait ldconfig\n")
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/debian/shlibs CONTENT "libfrwk 0 libfrwk0 (>= ${PROJECT_VERSION})\n")
+configure_file(packaging/debian/libfrwk0.symbols ${PROJECT_BINARY_DIR}/debian/symbols COPYONLY)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
-    ${PROJECT_BINARY_DIR}/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs)
+    ${PROJECT_BINARY_DIR}/debian/triggers ${PROJECT_BINARY_DIR}/debian/shlibs ${PROJECT_BINARY_DIR}/debian/symbols)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "${long_description}This package holds the shared library.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libfrwk-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_MULTIARCH same)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libfrwk0 (= ${PROJECT_VERSION})")
-set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${long_description}This package holds the headers, the CMake package, the pkg-config file and\nthe guides.")
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "${long_description}This package holds the headers, the CMake package, the pkg-config file, the\nguides and manual pages.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME frwk-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONFLICTS logtool) # another program of that name, at the same place
-set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${long_description}This package holds the monitor, which starts and watches the daemons of a\ndevice, and the tools that look after them: monitor_tool and logtool.")
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/debian/conffiles CONTENT "/etc/lnav/formats/frwk/frwk_log.json\n")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/conffiles)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "bash-completion, lnav")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${long_description}This package holds the monitor, which starts and watches the daemons of a\ndevice, and the tools that look after them, monitor_tool and logtool, with\ntheir manual pages, completion for bash, and a format for lnav.")
 
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME frwk-examples)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION misc)
@@ -79,6 +83,8 @@ install(FILES README.md docs/mainpage.md docs/integration.md
 if(FRWK_BUILD_DEVICE)
     list(APPEND CPACK_COMPONENTS_ALL tools)
     install_package_papers(tools frwk-tools)
+    install(DIRECTORY packaging/systemd packaging/busybox
+        DESTINATION share/doc/frwk-tools/examples COMPONENT tools EXCLUDE_FROM_ALL)
 endif()
 if(FRWK_BUILD_EXAMPLES)
     list(APPEND CPACK_COMPONENTS_ALL examples)

@@ -130,7 +130,7 @@ class Man(DeviceTest):
 
     def test_the_programs(self):
         for name, section in (("monitor", "8"), ("monitor_tool", "1"), ("logtool", "1")):
-            path = os.path.join(self.work, "%s.%s" % (name, section))
+            path = os.path.join(self.work, "%s.%s.gz" % (name, section))
             self.pages("program", os.path.join(PROGRAMS, name), section, path)
             self.assert_sound(path, "warning")
             page = self.read("--local-file", path)
@@ -150,12 +150,12 @@ class Man(DeviceTest):
             names = file.read().split()
         pages = {}
         for name in names:
-            path = os.path.realpath(os.path.join(self.work, "man/man3", name + ".3"))
+            path = os.path.realpath(os.path.join(self.work, "man/man3", name + ".3.gz"))
             if path not in pages:
                 self.assert_sound(path, "error")
                 pages[path] = self.read("--local-file", path)
             synopsis = pages[path].partition("Detailed Description")[0]
-            self.assertIn("SYNOPSIS #include <%s>" % os.path.basename(path)[:-2], synopsis)
+            self.assertIn("SYNOPSIS #include <%s>" % os.path.basename(path).removesuffix(".3.gz"), synopsis)
             self.assertIn(name, synopsis)
         page = self.read("-M", os.path.join(self.work, "man"), "3", "frwk_ipc_init")
         self.assertIn("Registers the module's handler", page)
