@@ -7,14 +7,18 @@ import time
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+# Directories, as in PATH.
 PROGRAMS = os.environ.get("DEVICE_PROGRAMS", os.path.join(ROOT, "build/release/programs"))
 EMULATOR = os.environ.get("DEVICE_EMULATOR", "").split()
 SOON = 60  # seconds that something may take on a busy machine
 
 
+def path_of(program):
+    return shutil.which(program, path=PROGRAMS) or program
+
+
 def command(program, *args):
-    path = program if "/" in program else os.path.join(PROGRAMS, program)
-    return [*EMULATOR, path, *args]
+    return [*EMULATOR, path_of(program), *args]
 
 
 def run(program, *args, **options):
@@ -61,7 +65,7 @@ class DeviceTest(unittest.TestCase):
     def start_monitor(self, **options):
         """A monitor that finds no program beside itself."""
         path = os.path.join(self.work, "monitor")
-        shutil.copy(os.path.join(PROGRAMS, "monitor"), path)
+        shutil.copy(path_of("monitor"), path)
         process = self.start(path, **options)
         self.assertEqual(run("monitor_tool", "wait", "monitor").returncode, 0)
         return process

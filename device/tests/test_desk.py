@@ -8,7 +8,7 @@ import signal
 import subprocess
 import unittest
 
-from support import PROGRAMS, ROOT, SOON, DeviceTest, run, within
+from support import PROGRAMS, ROOT, SOON, DeviceTest, path_of, run, within
 
 TOOLS = ("monitor_tool", "logtool")
 
@@ -131,7 +131,7 @@ class Man(DeviceTest):
     def test_the_programs(self):
         for name, section in (("monitor", "8"), ("monitor_tool", "1"), ("logtool", "1")):
             path = os.path.join(self.work, "%s.%s.gz" % (name, section))
-            self.pages("program", os.path.join(PROGRAMS, name), section, path)
+            self.pages("program", path_of(name), section, path)
             self.assert_sound(path, "warning")
             page = self.read("--local-file", path)
             help_text = run(name, "--help").stdout
@@ -249,7 +249,7 @@ class Start(DeviceTest):
             text = file.read()
         self.assertIn("ExecStart=/usr/libexec/frwk/monitor\n", text)
         with open(unit, "w", encoding="ascii") as file:
-            file.write(text.replace("/usr/libexec/frwk", PROGRAMS))
+            file.write(text.replace("/usr/libexec/frwk/monitor", path_of("monitor")))
         self.assertEqual(output("systemd-analyze", "verify", "--man=no", unit), "")
 
     def test_tmpfiles(self):
@@ -262,10 +262,10 @@ class Start(DeviceTest):
         init = self.start("/usr/bin/unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-ec", """
             mount -t tmpfs tmpfs /usr/libexec
             mkdir /usr/libexec/frwk
-            cp "$1/monitor" /usr/libexec/frwk/
+            cp "$1" /usr/libexec/frwk/
             mount -t tmpfs tmpfs /etc
             cp "$2/packaging/busybox/inittab" /etc/
-            exec busybox init""", "sh", PROGRAMS, ROOT)
+            exec busybox init""", "sh", path_of("monitor"), ROOT)
         first = None
 
         def another():

@@ -9,7 +9,7 @@ import subprocess
 import time
 import unittest
 
-from support import PROGRAMS, SOON, DeviceTest, run, within
+from support import SOON, DeviceTest, run, within
 
 NAMES = ("monitor", "monitor_tool", "logtool")
 MODULES = ("monitor", "atfwd_daemon", "dial_test", "serial_bridge", "mbimd", "qti", "qmuxd")
@@ -24,7 +24,7 @@ def commands_of(program):
 class Manners(DeviceTest):
     def assert_misuse(self, done, *words):
         """Exit status 2, nothing on standard output, and one line that bears the program's name."""
-        name = os.path.basename([arg for arg in done.args if arg.startswith(PROGRAMS)][0])
+        name = [os.path.basename(arg) for arg in done.args if os.path.basename(arg) in NAMES][0]
         self.assertEqual((done.returncode, done.stdout), (2, ""), done)
         self.assertRegex(done.stderr, r"\A%s: [^\n]+\n\Z" % name)
         for word in words:
