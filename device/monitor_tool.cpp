@@ -320,7 +320,7 @@ static const device_note_t EXAMPLES[] = {
 };
 
 static const device_program_t MONITOR_TOOL = {
-    "shows how the modules of the device are, and tells the monitor what to do with them",
+    "shows how the modules are, and tells the monitor what to do with them",
     "The monitor keeps modules running. Most commands reach the modules themselves, and work without it.",
     FRWK_MODULE_MONITOR_TOOL,
     COMMANDS,
