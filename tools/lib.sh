@@ -16,7 +16,7 @@ die() {
 
 # Shows the comment at the script's head, which says how it is called.
 usage() {
-    sed -n '2,/^[^#]/s/^#\( \|$\)//p' "$script" >&2
+    sed -n '2,/^[^#]/{/SPDX-/!s/^#\( \|$\)//p;}' "$script" >&2
     exit 2
 }
 
