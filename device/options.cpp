@@ -27,9 +27,14 @@ void device_fail(int status, const char *fmt, ...)
     exit(status);
 }
 
+static bool is_written()
+{
+    return fflush(stdout) == 0 && !ferror(stdout);
+}
+
 void device_flush()
 {
-    if (fflush(stdout) != 0 || ferror(stdout)) {
+    if (!is_written()) {
         device_fail(DEVICE_EXIT_FAILURE, "cannot write: %s", strerror(errno));
     }
 }
@@ -317,7 +322,9 @@ int device_run(const device_program_t *program, int argc, char **argv)
         return DEVICE_EXIT_FAILURE;
     }
     int status = command != nullptr ? command->run(args, argv + at) : program->run(0, nullptr);
-    device_flush();
+    if (!is_written() && errno != EPIPE) { /* a reader that has left, such as head, has got what it wanted */
+        device_flush();
+    }
     return status;
 }
 

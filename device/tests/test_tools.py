@@ -91,6 +91,15 @@ class Manners(DeviceTest):
                 self.assertRegex(done.stderr, r"\A%s: cannot write: [^\n]+\n\Z" % name)
 
 
+    def test_reader_that_leaves(self):
+        for args in (("monitor_tool", "status"), ("logtool", "list", "--json")):
+            ours, theirs = os.pipe()
+            os.close(ours)
+            done = run(*args, stdout=theirs)
+            os.close(theirs)
+            self.assertEqual((done.returncode, done.stderr), (0, ""))
+
+
 class MonitorTool(DeviceTest):
     def status(self, name):
         return next(row for row in json.loads(run("monitor_tool", "status", "--json").stdout) if row["module"] == name)
