@@ -86,6 +86,21 @@ class Lnav(DeviceTest):
                          [{"log_level": "critical", "line": 7, "log_body": "fd >= 0"},
                           {"log_level": "info", "line": -2147483648, "log_body": ""}])
 
+    def test_traces_among_others(self):
+        """A log that begins with lines of others is lnav's syslog_log; levels and places are known there, too."""
+        log = self.write(["Nov 23 14:21:16 device kernel: usb 1-1: new device",
+                          "Nov 23 14:21:17 device qmuxd[38]: error|q.cpp|main|7::late",
+                          "Nov 23 14:21:18 device kernel: usb 1-1: gone",
+                          "Nov 23 14:21:19 device monitor[29]: debug|m.cpp|start|8::started"])
+        self.assertEqual(self.query(log, "SELECT log_format, log_level FROM all_logs"),
+                         [{"log_format": "syslog_log", "log_level": level} for level in ("info", "error", "info", "debug")])
+        self.assertEqual(self.query(log, "SELECT log_procname, file, function, line, s.log_body AS text FROM frwk_log AS f "
+                                         "JOIN syslog_log AS s ON f.log_line = s.log_line WHERE log_procname <> 'kernel'"),
+                         [{"log_procname": "qmuxd", "file": "q.cpp", "function": "main", "line": 7,
+                           "text": "error|q.cpp|main|7::late"},
+                          {"log_procname": "monitor", "file": "m.cpp", "function": "start", "line": 8,
+                           "text": "debug|m.cpp|start|8::started"}])
+
     def test_standard_output(self):
         """What a module that traces to its standard output writes there."""
         self.assertEqual(run("logtool", "set", "monitor", "3", "debug").returncode, 0)
