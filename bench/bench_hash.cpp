@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The hash table against its plain form, GLib's, the C++ library's and uthash. All own their keys.
 #define HASH_NONFATAL_OOM 0
 #include "growth.h"

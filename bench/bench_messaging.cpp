@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // A request and its answer between two processes: the library's service against a bare one of the same design, and the
 // message systems that people use, with a lasting connection and with a fresh one for each request.
 #include "growth.h"

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Messages between threads of one process: the submodule queue against its plain form, GLib's queue and ZeroMQ.
 #include "growth.h"
 #include <frwk.h>

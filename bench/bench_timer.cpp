@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Starting and stopping timers while others are pending, against a list walked from its head and the event loops.
 #include "growth.h"
 #include <frwk.h>

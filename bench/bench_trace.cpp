@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Trace lines: printed to the console (a file in memory), suppressed, and sent to the system log.
 #define SPDLOG_ACTIVE_LEVEL SPDLOG_LEVEL_TRACE
 #include "empty_call.h"

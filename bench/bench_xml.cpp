@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Parsing and writing XML, against the bare making of the model and the bare copying of the text.
 #include "growth.h"
 #include <frwk.h>

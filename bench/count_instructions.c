@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * A plug-in of qemu that counts the instructions that a program executes, and writes the count to standard error when
  * it ends. The few declarations that it takes stand here, since Debian ships qemu without their header.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Growth tables: Google Benchmark times one operation at one size after the other, and this prints a table of them.
 #ifndef BENCH_GROWTH_H
 #define BENCH_GROWTH_H

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Does one of the library's operations a number of times, so that what one costs can be counted from outside.
 //
 // Usage: operations NAME COUNT; without arguments, lists the names.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The measuring loop that all areas share. The contenders of an operation take turns, a few milliseconds each, over
 // many rounds, so that what disturbs the machine meets them all; the figures are medians over the rounds, of the times
 // and of the ratios within a round.

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 # 32-bit ARM with Debian's cross compiler; programs run under qemu's user emulation.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 # Fails unless the library exports exactly the names of the list and needs the C library alone.
 #   cmake -D LIBRARY=.. -D NAMES=.. -D NM=.. -D READELF=.. [-D NEEDED=libc.so.6] -P check_symbols.cmake
 

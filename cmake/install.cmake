@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 # What `cmake --install` lays out: the library, its headers, a CMake package (frwk::frwk) and frwk.pc. device/ adds its
 # programs where they are built.
 

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 # The library: libfrwk.so.0.
 
 set(sources

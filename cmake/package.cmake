@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 # Debian packages: `cpack` in a build tree configured with the prefix /usr (tools/package does both).
 
 set(CPACK_GENERATOR DEB)

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * logtool: what the modules trace. Lists and changes their settings, and follows what they write into the system log.
  */

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * monitor: runs the other modules of the device. It starts every supervised module whose program lies beside its own,
  * asks each for a sign of life, and starts anew what has died or fallen silent.

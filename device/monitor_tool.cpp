@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * monitor_tool: how the device's modules are, and what the monitor does with them.
  */

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * The command lines of the programs. A program's table says what it takes; its --help is printed from the table, its
  * manual page is made from --help, and the completion of the shell reads --help: they cannot differ.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * atfwd_daemon [TERMINAL]: answers command lines such as "AT+LOAD?" by asking the other modules. It reads them from a
  * terminal, which it opens again whenever the other end has hung up, or from its standard input, until that ends.

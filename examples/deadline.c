@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * A synchronous request with a deadline of one's own: a thread asks and may be late, the caller waits no longer than it
  * wants to, and what the two share is freed by whoever is last.

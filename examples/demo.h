@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * What the daemons of the demo share: the messages they exchange, and what each of them would do alike.
  */

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * dial_test: a whole module. It sends back what it is sent, so that a caller can time the round trip.
  */

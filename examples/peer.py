@@ -1,4 +1,6 @@
 #!/usr/bin/env python3
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """Sends one message to a module and prints its answer: a peer that does not use the library.
 
     peer.py MODULE MSG [HEX BODY] [--rsp BYTES] [--async] [--from ID] [--timeout SECONDS] [--limit SECONDS]

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * qmuxd: knows how the machine is. A timer has it look into /proc at even intervals; the submodule that does so owns
  * all that changes from one look to the next, and publishes the figures for the handler, which answers at once.

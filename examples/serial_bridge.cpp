@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * serial_bridge -l DEVICE -r DEVICE: passes bytes between two devices, both ways. It reads from one no faster than the
  * other takes, so no byte is lost; a device that hangs up is opened again once it is back.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What the fuzz targets share. Each is one source and includes this once.
 #ifndef FRWK_FUZZ_H
 #define FRWK_FUZZ_H

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The readers and writers of the configuration on hostile files. The first byte chooses the file and, as a cut-off
 // save leaves them, whether the input is its content, its backup's, or both parts of it.
 #include "fuzz.h"

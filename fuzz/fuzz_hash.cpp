@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Operations on hash tables, chosen by the bytes of the input.
 #include "fuzz.h"
 #include "hash_model.h"

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The service of a module in this process: up to four connections at once send hostile bytes in arbitrary cuts and with
 // pauses, close and half-close when they like; then a well-behaved request must still be answered rightly.
 #include "fuzz.h"

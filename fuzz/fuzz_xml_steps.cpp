@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Single steps of the parser.
 #include "fuzz.h"
 #include "xml_checks.h"

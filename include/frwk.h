@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk.h
  * The whole public interface of libfrwk, the runtime library of the device's daemons.

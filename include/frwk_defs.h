@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_defs.h
  * Export, attribute and C/C++ macros shared by the public headers.

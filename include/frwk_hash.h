@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_hash.h
  * Tables with string keys and typed values, named by small integer handles.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_ipc.h
  * Messages between modules: the wire format, the module's handler, and the request calls.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_module.h
  * Modules: the table of the device's modules, the result codes that all families share, the identity of the calling

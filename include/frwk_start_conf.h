@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_start_conf.h
  * Supervision flag and start arguments of every module, kept in `/usrdata/odm/start_conf.xml`; shell commands.

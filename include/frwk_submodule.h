@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_submodule.h
  * Submodules: message-driven workers inside one module, each with a queue and a thread of its own.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_thread.h
  * Mutexes, semaphores and detached threads. The caller owns the storage of each; nothing here allocates.

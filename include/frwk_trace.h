@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_trace.h
  * Trace lines, assertions, and the trace settings kept in `/usrdata/odm/log_conf.xml`.

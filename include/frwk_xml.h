@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /**
  * @file frwk_xml.h
  * A small XML model, parser and writer: elements, attributes, text, comments, declarations, directives, and the five

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * On ARM every table entry for unwinding refers to one of these routines by name, and the linker would take the whole
  * unwinder of libgcc into the library for that. The entries of C-like code name their routine by number as well, and

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * What the two configuration files share: the directory and its lock, reading, finding and adding elements, saving,
  * and the recovery of a save that was cut off.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * What the two configuration files share. Both hold a root element, an element per module named as in the module
  * table, and in it an element per setting.

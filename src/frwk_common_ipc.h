@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * Between the parts of the messaging: the socket routines, the service, and the dispatch of a request.
  */

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * The IPC service: the accept loop, one thread per connection, and the dispatch of a request.
  */

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * The log configuration: every module's debug mode and trace level, kept in /usrdata/odm/log_conf.xml.
  */

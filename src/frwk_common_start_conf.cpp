@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * The start configuration: every module's supervision flag and start arguments, kept in /usrdata/odm/start_conf.xml.
  */

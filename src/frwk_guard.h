@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * Ownership inside a function: a descriptor, a block from malloc(), a locked mutex, a stretch without cancellation.
  *

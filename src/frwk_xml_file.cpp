@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * XML: reading a file, and replacing one so that its old or its new content survives any accident. Traces nothing.
  */

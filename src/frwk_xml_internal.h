@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * Between the files of XML; and what the configuration files need of them beyond the public calls, which comes first.
  *

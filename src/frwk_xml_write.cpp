@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * XML: the layout, and the writers to a stream and to a buffer, which trace nothing.
  */

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Load over a long time: ten clients against one module, not all of them well-behaved.
 //
 //   soak SECONDS

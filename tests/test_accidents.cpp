@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Accidents that meet: a writer of a settings file is cut off at any of its calls; what runs next on what it has left
 // meets a failing call, once or for good; and two writers are at work in spite of the lock. What was acknowledged
 // before the cut, and what has been acknowledged since, is there afterwards.

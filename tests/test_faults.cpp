@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Every call of the library into the system fails: each allocation, each thread, each socket and file call that a
 // scenario makes, one after the other, once or from then on. What comes of it is one of the listed outcomes, and each
 // of these is seen; nothing leaks, the settings are as they were, and the same call succeeds afterwards.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What docs/mainpage.md shows of the settings files is what the library writes.
 #include "frwk_test.h"
 

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What a module meets on a device: users without rights, signals at any moment, threads that are cancelled in the
 // middle of a call, and clocks that have run for weeks.
 #include "conf_test.h"

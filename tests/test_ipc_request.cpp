@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The request calls: what they send, byte by byte, and what they make of answers good and bad; against raw peers, real
 // modules, and the module itself.
 #include "stand_ins.h"

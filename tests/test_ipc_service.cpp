@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The service of a module: its socket, dispatch and answers byte by byte, hostile peers, the limit of connections.
 #include "stand_ins.h"
 

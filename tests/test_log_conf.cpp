@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The trace settings on disk: default file, setters, what a module takes at its start.
 #include "conf_test.h"
 

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The settings survive: a process killed at any moment of a change, two that change at once.
 #include "conf_test.h"
 

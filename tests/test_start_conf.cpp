@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // The start configuration on disk: default file, setters and the message to the monitor, query, the monitor's table;
 // shell commands.
 #include "conf_test.h"

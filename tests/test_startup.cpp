@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Start-up of modules: the lock, what the process inherits, the order of things, refusals.
 #include "stand_ins.h"
 

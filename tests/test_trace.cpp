@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Trace levels, the trace line in both sinks, assertions.
 #include "stand_ins.h"
 

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * What a running idle module adds to a process: starts up as the monitor, which reads both settings files, and prints
  * heap, private memory and threads. Run by tools/size in the sandbox.

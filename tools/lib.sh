@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 # What the scripts of tools/ and .ci/ do alike. Sourced first: it ends them at the first failure and goes to the top of
 # the tree, so that they can be called from anywhere.
 # shellcheck shell=sh

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """What the tests of the programs share. They run in a sandbox, on the paths of a device that nobody else uses."""
 import os
 import shutil

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """What the programs put on a desk: lnav's view of their lines, manual pages, the shell's completion."""
 import json
 import os

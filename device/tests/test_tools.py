@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """The command lines of the programs: options, exit statuses, what goes to which stream, and each command's answer."""
 import json
 import os

@@ -1,3 +1,6 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 SUMMARY = "Runtime library for the daemons of an embedded device"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=8c02fab2c533b1d8c738cbd76fae5f70"

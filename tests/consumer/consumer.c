@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /* Starts as a module, and asks for its own status word. */
 #include <frwk.h>
 

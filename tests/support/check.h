@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // CHECK, for what the tests and the fuzz targets share: a test goes on after a failure, a fuzz target ends its run.
 #ifndef FRWK_CHECK_H
 #define FRWK_CHECK_H

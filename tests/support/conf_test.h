@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What the tests of the configuration files share.
 #ifndef CONF_TEST_H
 #define CONF_TEST_H

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Lets calls fail that the library under test makes into the system: stand-ins for these calls, which it finds before
 // the real ones. Included by one source of a test program only.
 #ifndef FRWK_FAULTS_H

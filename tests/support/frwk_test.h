@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What the tests of several families need: child processes, captured output, a system log, raw peers, real modules.
 // Every wait has a deadline; what could not be had is reported by an empty or negative result, never by hanging.
 #ifndef FRWK_TEST_H

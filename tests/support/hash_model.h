@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // Random operations on hash tables and on the plainest equals of them, for the tests and the fuzz targets.
 #ifndef HASH_MODEL_H
 #define HASH_MODEL_H

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What the tests of the library's core share: traces as text, and stand-ins for calls of the C library, which the
 // library under test finds before the real ones. Included by one source of a test program only.
 #ifndef FRWK_STAND_INS_H

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What the tests of strings, XML and hash tables share. Included by one source of a test program only, since it takes
 // the place of the C library's allocator.
 #ifndef TEXT_TEST_H

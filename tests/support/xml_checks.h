@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 // What holds for any text that the parser is given, for the fuzz targets; trees as texts, for the tests too.
 #ifndef XML_CHECKS_H
 #define XML_CHECKS_H
