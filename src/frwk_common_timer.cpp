@@ -294,21 +294,22 @@ static frwk_list_t *search_lanes(const frwk_timer_t *timer, frwk_list_t *stops[]
 static void insert_sorted(pending_t *pending)
 {
     frwk_timer_t *timer = &pending->timer;
+    const uint32_t lane_count = pending->lane_count;
     frwk_list_t *head = &g_s_timer_ctrl.list;
     frwk_list_t *at = head->prev;
     frwk_list_t *stops[LANES];
-    use_lanes(pending->lane_count);
-    if (at == head || !due_later(&timer_of(at)->expire, &timer->expire)) { /* behind all, as most */
-        for (uint32_t lane = 0; lane < pending->lane_count; lane++) {
-            stops[lane] = lanes[lane].prev;
-        }
-    } else {
+    use_lanes(lane_count);
+    for (uint32_t lane = 0; lane < lane_count; lane++) {
+        stops[lane] = lanes[lane].prev;
+    }
+    if (at != head && due_later(&timer_of(at)->expire, &timer->expire)) { /* else it is behind all, as most */
         at = search_lanes(timer, stops);
-        for (; at->next != head && !due_ms_later(&timer_of(at->next)->expire, &timer->expire); at = at->next) {
+        while (at->next != head && !due_ms_later(&timer_of(at->next)->expire, &timer->expire)) {
+            at = at->next;
         }
     }
     frwk_list_add(at->next, &timer->node);
-    for (uint32_t lane = 0; lane < pending->lane_count; lane++) {
+    for (uint32_t lane = 0; lane < lane_count; lane++) {
         frwk_list_add(stops[lane]->next, &lanes_of(pending)[lane]);
     }
     pending_count++;

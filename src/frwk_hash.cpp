@@ -40,6 +40,7 @@ struct hash_table {
 };
 
 using marks_word = size_t;
+static_assert(sizeof(marks_word) == sizeof(frwk_hash_entry_t *));
 
 /* Maps handles to tables; all zero while no table exists. */
 static struct {
@@ -192,8 +193,8 @@ int frwk_hash_create(int size)
     }
     table->count = bucket_count(size);
     table->reciprocal = UINT32_MAX / table->count; /* without the division of 64 bits that ARM lacks */
-    size_t words = size_t{table->count} + table->count / sizeof(marks_word) + 1;
-    table->buckets = static_cast<frwk_hash_entry_t **>(calloc(words, sizeof(marks_word)));
+    size_t words = size_t{table->count} + table->count / sizeof(frwk_hash_entry_t *) + 1;
+    table->buckets = static_cast<frwk_hash_entry_t **>(calloc(words, sizeof(frwk_hash_entry_t *)));
     if (table->buckets == nullptr) {
         FRWK_ERR("alloc error!");
         release_handle(handle);

@@ -168,14 +168,19 @@ static const entity entities[] = {{"", 0}, {"&quot;", 6}, {"&amp;", 5}, {"&apos;
 struct byte_kinds {
     uint8_t of[256] = {};
 
+    constexpr void set(char c, byte_kind kind)
+    {
+        of[static_cast<unsigned char>(c)] = kind;
+    }
+
     constexpr byte_kinds()
     {
-        of['"'] = QUOTE;
-        of['&'] = AMPERSAND;
-        of['\''] = APOSTROPHE;
-        of['<'] = LESS;
-        of['>'] = GREATER;
-        of['\0'] = END;
+        set('"', QUOTE);
+        set('&', AMPERSAND);
+        set('\'', APOSTROPHE);
+        set('<', LESS);
+        set('>', GREATER);
+        set('\0', END);
     }
 };
 
