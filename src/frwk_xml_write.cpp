@@ -215,9 +215,9 @@ static const char *put_short(xml_output *out, const char *text)
 {
     constexpr ptrdiff_t SHORT = 32;
     ptrdiff_t room = out->end - out->at - ESCAPE_ROOM;
-    const char *limit = text + (room < SHORT ? (room > 0 ? room : 0) : SHORT);
     char *at = out->at;
-    while (text < limit && kind_of(*text) == PLAIN) {
+    const char *limit = at + (room < SHORT ? (room > 0 ? room : 0) : SHORT);
+    while (at < limit && kind_of(*text) == PLAIN) {
         *at++ = *text++;
     }
     out->at = at;
