@@ -44,7 +44,7 @@ class DeviceTest(unittest.TestCase):
 
     def setUp(self):
         if not os.path.isdir("/usrdata") or os.listdir("/usrdata") or os.path.exists("/tmp/odm"):
-            raise AssertionError("not in a fresh sandbox: tests/sandbox")
+            raise AssertionError("not in a fresh sandbox: tools/sandbox")
         self.work = tempfile.mkdtemp()
 
     def tearDown(self):
