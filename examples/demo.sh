@@ -5,23 +5,26 @@
 # Runs a device made of device/ and the examples and prints what it does. tools/demo builds the programs and calls this in a private copy of
 # the device's paths. Exits with 1 when an answer was wrong.
 #
-#   demo.sh [--keep] [--log FILE]
+#   demo.sh [--keep | --running] [--log FILE]
 #
 #   --keep      opens a shell beside the running device before it is stopped
 #   --log FILE  leaves the system log there
+#   --running   runs on a device whose init has started the system log and keeps the monitor running (tools/device)
 set -u
 
 keep=
 kept_log=
+running=
 while [ $# -gt 0 ]; do
     case $#,$1 in
     *,--keep) keep=yes ;;
+    *,--running) running=yes ;;
     [!1],--log)
         kept_log=$2
         shift
         ;;
     *)
-        echo "usage: demo.sh [--keep] [--log FILE]" >&2
+        echo "usage: demo.sh [--keep | --running] [--log FILE]" >&2
         exit 2
         ;;
     esac
@@ -37,6 +40,7 @@ if ! [ -x "$programs/monitor" ]; then
 fi
 work=$(mktemp -d)
 log=$work/messages
+[ -z "$running" ] || log=/var/log/messages
 checks=0
 wrong=0
 started=()
@@ -135,13 +139,21 @@ followed_all() {
     [ "$(tail -n 1 "$log")" = "$(tail -n 1 "$work/followed")" ]
 }
 
+has_monitor_other_than() {
+    local holder
+    holder=$(cat /tmp/odm/lock/monitor)
+    [ -n "$holder" ] && [ "$holder" != "$1" ]
+}
+
 all_stopped() {
     ! monitor_tool status | grep -Eq ' (yes|silent) +[0-9]'
 }
 
 title "A system log, and terminals for the modem and the two ends of the bridge"
-busybox syslogd -n -S -O "$log" &
-started+=($!)
+if [ -z "$running" ]; then
+    busybox syslogd -n -S -O "$log" &
+    started+=($!)
+fi
 within 5 test -e "$log" || exit 1
 terminals modem
 terminals left
@@ -154,10 +166,16 @@ run monitor_tool start-cmd serial_bridge "-l $work/left -r $work/right"
 run logtool set all 1 info
 
 title "The device starts"
-echo "$ monitor &"
-monitor &
-monitor=$!
-started+=("$monitor")
+if [ -n "$running" ]; then
+    run monitor_tool wait monitor
+    run monitor_tool reboot # as the settings above are read at its start
+    monitor=$(cat /tmp/odm/lock/monitor)
+else
+    echo "$ monitor &"
+    monitor &
+    monitor=$!
+    started+=("$monitor")
+fi
 logtool follow "$log" >"$work/followed" &
 started+=($!)
 for module in monitor atfwd_daemon serial_bridge qmuxd; do
@@ -234,10 +252,19 @@ tail -n 25 "$work/followed"
 check "the mark should be there" grep -q 'qmuxd.*mark of module 2: demo' "$work/followed"
 check "the report should be there" grep -q 'serial_bridge.*report: ' "$work/followed"
 
-title "The device stops"
-run kill -TERM "$monitor"
-check "the monitor should end in order" wait "$monitor"
-check "nothing should be left running" all_stopped
+if [ -n "$running" ]; then
+    title "The monitor ends, and init starts it anew"
+    run kill -TERM "$monitor"
+    check "another one should run" within 20 has_monitor_other_than "$monitor"
+    for module in monitor qmuxd dial_test; do
+        run monitor_tool wait $module
+    done
+else
+    title "The device stops"
+    run kill -TERM "$monitor"
+    check "the monitor should end in order" wait "$monitor"
+    check "nothing should be left running" all_stopped
+fi
 monitor_tool status
 [ -z "$kept_log" ] || run cp "$log" "$kept_log"
 
