@@ -1,8 +1,11 @@
 """Makes what the machine boots: kernel, initramfs, system and data partitions. What is fetched is kept in build/device."""
+import compileall
 import glob
 import os
+import py_compile
 import shutil
 import subprocess
+import sys
 
 from emulated import fail, progress
 
@@ -18,8 +21,9 @@ KEYRING = "/usr/share/keyrings/debian-archive-keyring.gpg"
 KERNEL_PACKAGE = "linux-image-armmp"
 MODULES = ("virtio_mmio", "virtio_blk", "virtio_console", "ext4")
 # The device needs the first three. The others are for what is tried on it: the demo is a bash script with a Python
-# client and has terminals by socat, the tests run in bubblewrap, strace counts system calls.
-PACKAGES = ("busybox-static", "libc6", "libgcc-s1", "bash", "python3-minimal", "socat", "bubblewrap", "strace")
+# client and has terminals by socat, the tests are C++ and run in bubblewrap, strace counts system calls.
+PACKAGES = ("busybox-static", "libc6", "libgcc-s1", "bash", "python3-minimal", "socat", "bubblewrap", "strace",
+            "libstdc++6")
 # Others depend on these, but nothing here runs them.
 UNUSED = ("base-files", "debianutils", "dpkg", "mawk", "tar")
 OWN_PACKAGES = ("libfrwk0", "frwk-tools", "frwk-examples")
@@ -106,6 +110,19 @@ def unpack(package, directory):
 
 # ---- making
 
+def compile_program(name, *options):
+    """One of image/programs, linked with the library of the packages. Its path."""
+    directory = os.path.join(HERE, "programs")
+    os.makedirs(directory, exist_ok=True)
+    program, source = (os.path.join(directory, name), os.path.join(ROOT, "image", "programs", name + ".c"))
+    subprocess.run(["arm-linux-gnueabihf-gcc", "-std=c11", "-D_GNU_SOURCE", "-Os", "-Wall", "-Wextra", "-Werror", "-I",
+                    os.path.join(ROOT, "include"), "-o", program, source, *options], check=True)
+    return program
+
+
+LIBRARY = os.path.join(ROOT, "build", "package-arm-linux-gnueabihf", "libfrwk.so")
+
+
 def fresh(name):
     """An empty directory of that name."""
     path = os.path.join(HERE, name)
@@ -191,6 +208,9 @@ def make_system(files):
         if os.path.isdir(os.path.dirname(link)) and not os.path.lexists(link):
             os.symlink("/bin/busybox", link)
     shutil.copytree(os.path.join(ROOT, "image", "system"), tree, dirs_exist_ok=True)
+    if sys.version_info[:2] == (3, 11):  # the device's own: there a first run would take as long as a boot
+        compileall.compile_dir(os.path.join(tree, "usr", "lib", "python3.11"), quiet=2, stripdir=tree,
+                               invalidation_mode=py_compile.PycInvalidationMode.UNCHECKED_HASH)
     for where in ("usr/share/doc", "usr/share/locale", "usr/share/man"):
         shutil.rmtree(os.path.join(tree, where), ignore_errors=True)
     make_partition(SYSTEM, tree, "system", 128 << 20, ("-O", "^has_journal", "-m", "0"))

@@ -1,0 +1,63 @@
+#!/bin/bash
+# soak.sh SECONDS: load on all daemons while their memory runs out again and again. Whoever leaks is among them; at times
+# it is the first to be killed, at times the last, so that the kernel takes the others. Ends with 1 unless all of them
+# answer in the end.
+set -u
+group=/sys/fs/cgroup/modules
+modules="monitor atfwd_daemon dial_test serial_bridge qmuxd"
+umask 077
+RANDOM=1
+
+events() {
+    sed -n "s/^$1 //p" $group/memory.events
+}
+
+# leak SECONDS ADJUST: more than there is; ADJUST is how the kernel weighs it.
+leak() {
+    (
+        echo $BASHPID >$group/cgroup.procs
+        echo "$2" >/proc/self/oom_score_adj
+        exec /mnt/leak 40 "$1"
+    ) 2>/dev/null
+}
+
+echo "limit: $(cat $group/memory.max) bytes for all modules"
+logtool set all 1 error >/dev/null
+monitor_tool service dial_test on
+for module in $modules; do
+    monitor_tool wait "$module" 60 || exit 1
+done
+echo "in use by $(wc -l <$group/cgroup.procs) processes: $(cat $group/memory.current) bytes"
+first_monitor=$(cat /tmp/odm/lock/monitor)
+/mnt/load "$1" >/tmp/load &
+load=$!
+leaks=0
+report=60
+while kill -0 $load 2>/dev/null; do
+    leaks=$((leaks + 1))
+    adjust=0
+    # The last to be killed: the others are, until it has had its time.
+    [ $((leaks % 3)) -ne 0 ] || adjust=-1000
+    leak 0 $adjust
+    sleep $((RANDOM % 4))
+    if [ $SECONDS -ge $report ]; then
+        echo "after $SECONDS s: $leaks leaks, $(events oom_kill) processes killed"
+        report=$((report + 60))
+    fi
+done
+status=0
+wait $load || status=1
+cat /tmp/load
+echo "$leaks leaks; $(events oom) times out of memory, $(events oom_kill) processes killed"
+echo "the monitor started modules $(grep -c 'died' /var/log/messages) times anew after a death," \
+    "$(grep -c 'does not answer' /var/log/messages) of them for silence; it is process $(cat /tmp/odm/lock/monitor)," \
+    "and was $first_monitor"
+for module in $modules; do
+    monitor_tool wait "$module" 60 || status=1
+done
+monitor_tool status
+[ "$(events oom_kill)" -gt 0 ] || {
+    echo "memory never ran out"
+    status=1
+}
+exit $status

@@ -1,0 +1,29 @@
+"""Long life: load while memory runs out, and clocks that have run for weeks."""
+import os
+import sys
+
+from emulated import image, machine
+
+
+def programs(*names):
+    return [image.compile_program(name, image.LIBRARY, "-pthread") for name in names]
+
+
+def script(name):
+    return os.path.join(image.ROOT, "image", "programs", name)
+
+
+def passed_on(stream):
+    def write(data):
+        stream.buffer.write(data)
+        stream.buffer.flush()
+    return write
+
+
+def soak(minutes):
+    seconds = int(minutes * 60)
+    with machine.Work() as work:
+        card = work.card("bash /mnt/soak.sh %d" % seconds, script("soak.sh"), *programs("load", "leak"))
+        with machine.Machine(work.blank_data(), card) as device:
+            return machine.run_job(device, {"output": passed_on(sys.stdout), "errors": passed_on(sys.stderr)}, "soak",
+                                   seconds * 2 + 600)
