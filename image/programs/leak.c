@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * leak MIB SECONDS: takes so much memory, a quarter of a MiB at a time, and holds it for so long. It is among the modules,
  * whose memory is limited together, and does not return what it took before it ends or is killed.

@@ -1,3 +1,6 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
 /*
  * load SECONDS: sends requests to all daemons of the device for so long, while they may be killed and started anew. Prints
  * what came of them; ends with 1 when an answer was wrong.

@@ -1,4 +1,7 @@
 #!/bin/bash
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
+
 # soak.sh SECONDS: load on all daemons while their memory runs out again and again. Whoever leaks is among them; at times
 # it is the first to be killed, at times the last, so that the kernel takes the others. Ends with 1 unless all of them
 # answer in the end.

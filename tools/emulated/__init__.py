@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """What tools/device is made of: the image, the machine that runs it, and what is tried on it."""
 import sys
 

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """A person at the device's console."""
 import os
 import select

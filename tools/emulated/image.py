@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """Makes what the machine boots: kernel, initramfs, system and data partitions. What is fetched is kept in build/device."""
 import compileall
 import glob

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """Long life: load while memory runs out, and clocks that have run for weeks."""
 import os
 import sys

@@ -1,3 +1,5 @@
+# SPDX-FileCopyrightText: 2026 the libfrwk authors
+# SPDX-License-Identifier: MIT
 """The machine: a 32-bit ARM one of qemu, with the drives and the serial ports of the device."""
 import ctypes
 import os
