@@ -2,8 +2,8 @@
 /* SPDX-License-Identifier: MIT */
 
 /*
- * leak MIB SECONDS: takes so much memory, a quarter of a MiB at a time, and holds it for so long. It is among the modules,
- * whose memory is limited together, and does not return what it took before it ends or is killed.
+ * leak MIB: takes so much memory, a quarter of a MiB at a time. It is among the modules, whose memory is limited
+ * together, and returns nothing before it ends or is killed.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,8 +14,8 @@ enum { PIECE = 256 * 1024 };
 
 int main(int argc, char **argv)
 {
-    if (argc != 3) {
-        fputs("usage: leak MIB SECONDS\n", stderr);
+    if (argc != 2) {
+        fputs("usage: leak MIB\n", stderr);
         return 2;
     }
     for (int i = 0; i < atoi(argv[1]) * 4; i++) {
@@ -24,8 +24,7 @@ int main(int argc, char **argv)
             break;
         }
         memset(piece, 1, PIECE);
-        usleep(50000);
+        usleep(10000);
     }
-    sleep((unsigned int)atoi(argv[2]));
     return 0;
 }

@@ -15,13 +15,13 @@ events() {
     sed -n "s/^$1 //p" $group/memory.events
 }
 
-# leak SECONDS ADJUST: more than there is; ADJUST is how the kernel weighs it.
+# leak MIB ADJUST: takes that much, where ADJUST is how the kernel weighs it.
 leak() {
     (
         echo $BASHPID >$group/cgroup.procs
         echo "$2" >/proc/self/oom_score_adj
-        exec /mnt/leak 40 "$1"
-    ) 2>/dev/null
+        exec /mnt/leak "$1"
+    )
 }
 
 echo "limit: $(cat $group/memory.max) bytes for all modules"
@@ -38,10 +38,14 @@ leaks=0
 report=60
 while kill -0 $load 2>/dev/null; do
     leaks=$((leaks + 1))
-    adjust=0
-    # The last to be killed: the others are, until it has had its time.
-    [ $((leaks % 3)) -ne 0 ] || adjust=-1000
-    leak 0 $adjust
+    {
+        if [ $((leaks % 3)) -ne 0 ]; then
+            leak 40 0 # more than there is
+        else
+            # A MiB more than is left, and is never killed: others are.
+            leak $((($(cat $group/memory.max) - $(cat $group/memory.current)) / 1048576 + 1)) -1000
+        fi
+    } 2>/dev/null # the shell's own remark that it was killed
     sleep $((RANDOM % 4))
     if [ $SECONDS -ge $report ]; then
         echo "after $SECONDS s: $leaks leaks, $(events oom_kill) processes killed"

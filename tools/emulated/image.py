@@ -23,9 +23,8 @@ KEYRING = "/usr/share/keyrings/debian-archive-keyring.gpg"
 KERNEL_PACKAGE = "linux-image-armmp"
 MODULES = ("virtio_mmio", "virtio_blk", "virtio_console", "ext4")
 # The device needs the first three. The others are for what is tried on it: the demo is a bash script with a Python
-# client and has terminals by socat, the tests are C++ and run in bubblewrap, strace counts system calls.
-PACKAGES = ("busybox-static", "libc6", "libgcc-s1", "bash", "python3-minimal", "socat", "bubblewrap", "strace",
-            "libstdc++6")
+# client and has terminals by socat, the tests are C++ and Python and run in bubblewrap, strace counts system calls.
+PACKAGES = ("busybox-static", "libc6", "libgcc-s1", "bash", "python3", "socat", "bubblewrap", "strace", "libstdc++6")
 # Others depend on these, but nothing here runs them.
 UNUSED = ("base-files", "debianutils", "dpkg", "mawk", "tar")
 OWN_PACKAGES = ("libfrwk0", "frwk-tools", "frwk-examples")
@@ -83,7 +82,7 @@ def fetch_all():
     if os.path.exists(FETCHED):
         with open(FETCHED, encoding="utf-8") as file:
             names = dict(line.split() for line in file)
-        if all(os.path.exists(os.path.join(ARCHIVES, name)) for name in names.values()):
+        if names.keys() >= set(PACKAGES) and all(os.path.exists(os.path.join(ARCHIVES, name)) for name in names.values()):
             return names
     progress("fetching the kernel and packages of Debian armhf (60 MB, once)")
     set_up_apt()
@@ -217,6 +216,19 @@ def make_system(files):
         shutil.rmtree(os.path.join(tree, where), ignore_errors=True)
     make_partition(SYSTEM, tree, "system", 128 << 20, ("-O", "^has_journal", "-m", "0"))
     shutil.rmtree(tree)
+
+
+def built_tests():
+    """A tree with the tests as they are installed on a device."""
+    progress("building the tests")
+    log = os.path.join(HERE, "tests.log")
+    tree = fresh("tests.tree")
+    with open(log, "w", encoding="utf-8") as file:
+        for command in (("cmake", "--preset", "arm"), ("cmake", "--build", "--preset", "arm"),
+                        ("cmake", "--install", "build/arm", "--component", "tests", "--prefix", tree, "--strip")):
+            if subprocess.run(command, cwd=ROOT, stdout=file, stderr=file, check=False).returncode != 0:
+                fail("the tests cannot be built; %s has what it says" % os.path.relpath(log))
+    return os.path.join(tree, "libexec", "frwk", "tests")
 
 
 def own_packages():
