@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: MIT
 """Makes what the machine boots: kernel, initramfs, system and data partitions. What is fetched is kept in build/device."""
 import compileall
+import fcntl
 import glob
 import os
 import py_compile
@@ -242,8 +243,14 @@ def own_packages():
 
 
 def build():
-    """Everything the machine boots; what is there and newer than what it is made of stays."""
+    """Everything the machine boots; what is there and newer than what it is made of stays. One run at a time does so."""
     os.makedirs(HERE, exist_ok=True)
+    with open(os.path.join(HERE, "lock"), "w", encoding="utf-8") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        build_locked()
+
+
+def build_locked():
     progress("building the packages")
     log = os.path.join(HERE, "package.log")
     with open(log, "w", encoding="utf-8") as file:

@@ -29,3 +29,17 @@ def soak(minutes):
         with machine.Machine(work.blank_data(), card) as device:
             return machine.run_job(device, {"output": passed_on(sys.stdout), "errors": passed_on(sys.stderr)}, "soak",
                                    seconds * 2 + 600)
+
+
+# The seconds after which the milliseconds of an uptime need a 32nd and a 33rd bit: 24.8 and 49.7 days.
+EDGES = (2147483, 4294967)
+
+
+def uptimes(seconds=30):
+    edges = " ".join(str(edge) for edge in EDGES)
+    with machine.Work() as work:
+        card = work.card("bash /mnt/uptime.sh %d %s" % (seconds, edges), script("uptime.sh"),
+                         *programs("load", "timers"), image.compile_program("uptime", "-shared", "-fPIC"))
+        with machine.Machine(work.blank_data(), card) as device:
+            return machine.run_job(device, {"output": passed_on(sys.stdout), "errors": passed_on(sys.stderr)}, "uptimes",
+                                   600)
