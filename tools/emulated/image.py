@@ -202,8 +202,8 @@ def make_system(files):
     for package, archive in files.items():
         if package not in UNUSED and package != KERNEL_PACKAGE:
             unpack(os.path.join(ARCHIVES, archive), tree)
-    for archive in own_packages():
-        unpack(archive, tree)
+    for package in OWN_PACKAGES:
+        unpack(own_package(package), tree)
     busybox = os.path.join(tree, "bin", "busybox")
     for applet in output_of("qemu-arm", busybox, "--list-full").split():
         link = os.path.join(tree, applet)
@@ -232,14 +232,16 @@ def built_tests():
     return os.path.join(tree, "libexec", "frwk", "tests")
 
 
-def own_packages():
-    found = []
-    for package in OWN_PACKAGES:
-        archives = glob.glob(os.path.join(ROOT, "build", "packages", package + "_*_armhf.deb"))
-        if len(archives) != 1:
-            fail("build/packages has %d packages %s for armhf; tools/package arm makes them" % (len(archives), package))
-        found += archives
-    return found
+def own_package(name):
+    archives = glob.glob(os.path.join(ROOT, "build", "packages", name + "_*_armhf.deb"))
+    if len(archives) != 1:
+        fail("build/packages has %d packages %s for armhf; tools/package arm makes them" % (len(archives), name))
+    return archives[0]
+
+
+def installed_size(package):
+    """In KiB."""
+    return int(output_of("dpkg-deb", "-f", own_package(package), "Installed-Size"))
 
 
 def build():

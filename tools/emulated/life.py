@@ -1,6 +1,6 @@
 # SPDX-FileCopyrightText: 2026 the libfrwk authors
 # SPDX-License-Identifier: MIT
-"""Long life: load while memory runs out, and clocks that have run for weeks."""
+"""What programs on the device show: long life under load, clocks that have run for weeks, and what all that costs."""
 import os
 import sys
 
@@ -43,3 +43,17 @@ def uptimes(seconds=30):
         with machine.Machine(work.blank_data(), card) as device:
             return machine.run_job(device, {"output": passed_on(sys.stdout), "errors": passed_on(sys.stderr)}, "uptimes",
                                    600)
+
+
+def cost():
+    sizes = [(package, image.installed_size(package)) for package in image.OWN_PACKAGES[:2]]
+    with machine.Work() as work:
+        card = work.card("bash /mnt/cost.sh", script("cost.sh"), *programs("idle", "requests"),
+                         image.compile_program("bare"))
+        with machine.Machine(work.blank_data(), card) as device:
+            status = machine.run_job(device, {"output": passed_on(sys.stdout), "errors": passed_on(sys.stderr)}, "cost",
+                                     600)
+    print("\n| package | installed, KiB |\n|---|---:|")
+    for package, size in sizes:
+        print("| `%s` | %d |" % (package, size))
+    return status
