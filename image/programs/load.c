@@ -2,8 +2,8 @@
 /* SPDX-License-Identifier: MIT */
 
 /*
- * load SECONDS: sends requests to all daemons of the device for so long, while they may be killed and started anew. Prints
- * what came of them; ends with 1 when an answer was wrong.
+ * load SECONDS: sends requests to all daemons of the device for so long, while they may be killed and started anew.
+ * Prints what came of them; ends with 1 when an answer was wrong.
  */
 #include <frwk.h>
 
@@ -56,7 +56,8 @@ static void *ask(void *arg)
             echo(&seed);
         } else {
             int32_t result = -1;
-            count(id, frwk_ipc_send_sync(id, FRWK_MSG_SYS_STATUS, NULL, 0, (uint8_t *)&status, sizeof status, 3, &result),
+            count(id,
+                  frwk_ipc_send_sync(id, FRWK_MSG_SYS_STATUS, NULL, 0, (uint8_t *)&status, sizeof status, 3, &result),
                   result == 0);
         }
         frwk_sleep(PAUSE);

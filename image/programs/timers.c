@@ -2,8 +2,8 @@
 /* SPDX-License-Identifier: MIT */
 
 /*
- * timers SECONDS: starts timers that are due at any moment of so long a time, stops some, and holds the others against a
- * clock of its own. Ends with 1 when one was early or late, or was stopped in vain.
+ * timers SECONDS: starts timers that are due at any moment of so long a time, stops some, and holds the others against
+ * a clock of its own. Ends with 1 when one was early or late, or was stopped in vain.
  */
 #include <frwk.h>
 
