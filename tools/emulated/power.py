@@ -24,11 +24,12 @@ class Settings:
     def __init__(self):
         self.allowed = dict(UNSET)
         self.acknowledged = 0
-        self.durations = [0.1]  # seconds of a save
+        self.firsts, self.others = [0.2], [0.1]  # seconds that saves took, the first after a boot and others
         self.begun = {}
 
     def boot(self):
         self.found, self.begun, self.running = {}, {}, False
+        self.durations = self.firsts
 
     def saving(self):
         return bool(self.begun)
@@ -52,6 +53,7 @@ class Settings:
             self.allowed[key] = self.allowed[key] | {value}
         elif verb == "has":
             self.durations.append(time.monotonic() - self.begun.pop(key))
+            self.durations = self.others
             self.allowed[key] = {value}
             self.acknowledged += 1
         else:
@@ -64,7 +66,7 @@ class Plug:
 
     def __init__(self, kind, settings, rng):
         self.kind = kind
-        usual = statistics.median(settings.durations[-100:])
+        usual = statistics.median((settings.firsts if kind == FIRST else settings.others)[-100:])
         self.saves = rng.randint(4, 40) if kind == SAVE else 1
         self.delay = rng.uniform(0, 4) if kind == ANY else rng.uniform(0, 1.2) * usual
 
