@@ -4,8 +4,6 @@
 // What docs/mainpage.md shows of the settings files is what the library writes.
 #include "frwk_test.h"
 
-using namespace frwk_test;
-
 namespace {
 
 // An example is a file with a part left out, shown as "...".

@@ -5,20 +5,12 @@
 // middle of a call, and clocks that have run for weeks.
 #include "conf_test.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <atomic>
-#include <cstring>
 #include <thread>
-
-using namespace conf_test;
-using namespace frwk_test;
 
 namespace {
 

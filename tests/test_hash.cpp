@@ -2,7 +2,7 @@
 /* SPDX-License-Identifier: MIT */
 
 #include "hash_model.h"
-#include "text_test.h"
+#include "frwk_test.h"
 
 #include <random>
 

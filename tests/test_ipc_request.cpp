@@ -3,15 +3,13 @@
 
 // The request calls: what they send, byte by byte, and what they make of answers good and bad; against raw peers, real
 // modules, and the module itself.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
 #include <sys/socket.h>
 
 #include <future>
 
 namespace {
-
-using namespace frwk_test;
 
 // A module that has no service of its own and traces everything.
 void become_requester()

@@ -2,15 +2,13 @@
 /* SPDX-License-Identifier: MIT */
 
 // The service of a module: its socket, dispatch and answers byte by byte, hostile peers, the limit of connections.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
 #include <sys/socket.h>
 
 #include <future>
 
 namespace {
-
-using namespace frwk_test;
 
 constexpr int IDLE_THREADS = 2; // the main one and the accept loop
 

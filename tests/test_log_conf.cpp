@@ -4,9 +4,6 @@
 // The trace settings on disk: default file, setters, what a module takes at its start.
 #include "conf_test.h"
 
-using namespace conf_test;
-using namespace frwk_test;
-
 namespace {
 
 std::string entries(const Texts &names, const std::string &mode = "0", const std::string &level = "<level>null</level>")

@@ -2,7 +2,7 @@
 /* SPDX-License-Identifier: MIT */
 
 // The module table and the accessors.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
 namespace {
 

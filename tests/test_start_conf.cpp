@@ -7,9 +7,6 @@
 
 #include <thread>
 
-using namespace conf_test;
-using namespace frwk_test;
-
 namespace {
 
 const std::string MISSING = " from '/usrdata/odm/start_conf.xml' failed", GET = "frwk_get_app_monitor_conf";

@@ -2,17 +2,14 @@
 /* SPDX-License-Identifier: MIT */
 
 // Start-up of modules: the lock, what the process inherits, the order of things, refusals.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
-#include <signal.h>
 #include <sys/prctl.h>
 
-#include <filesystem>
 #include <regex>
 
 namespace {
 
-using namespace frwk_test;
 namespace fs = std::filesystem;
 
 const std::string LOCK = "/tmp/odm/lock/qmuxd";

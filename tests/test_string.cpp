@@ -1,11 +1,7 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-#include "text_test.h"
-
-#include <unistd.h>
-
-using namespace frwk_test;
+#include "frwk_test.h"
 
 namespace {
 

@@ -2,13 +2,11 @@
 /* SPDX-License-Identifier: MIT */
 
 // Submodules.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
 #include <thread>
 
 namespace {
-
-using namespace frwk_test;
 
 using Message = std::tuple<uint32_t, uint32_t, uint32_t, std::string>; // to, from, msg, data
 

@@ -2,14 +2,9 @@
 /* SPDX-License-Identifier: MIT */
 
 // Mutexes, semaphores and threads.
-#include "stand_ins.h"
-
-#include <limits.h>
-#include <signal.h>
+#include "frwk_test.h"
 
 namespace {
-
-using namespace frwk_test;
 
 TEST(Thread, MutexesAndSemaphores)
 {

@@ -2,9 +2,8 @@
 /* SPDX-License-Identifier: MIT */
 
 // Sleep, uptime, local time, random numbers.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
-#include <climits>
 #include <cstdlib>
 
 static std::string sleeps;
@@ -22,8 +21,6 @@ extern "C" int usleep(useconds_t micros)
 }
 
 namespace {
-
-using namespace frwk_test;
 
 TEST(Time, SleepsSecondsThenTheRest)
 {

@@ -2,14 +2,11 @@
 /* SPDX-License-Identifier: MIT */
 
 // The timer service, and deadlines held by the caller.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
-#include <climits>
 #include <random>
 
 namespace {
-
-using namespace frwk_test;
 
 int64_t seconds(double value)
 {

@@ -2,13 +2,11 @@
 /* SPDX-License-Identifier: MIT */
 
 // Trace levels, the trace line in both sinks, assertions.
-#include "stand_ins.h"
+#include "frwk_test.h"
 
 #include <syslog.h>
 
 namespace {
-
-using namespace frwk_test;
 
 // Makes this process a module that traces all in a debug mode.
 void become(uint32_t id, int mode)

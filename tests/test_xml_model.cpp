@@ -1,7 +1,7 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-#include "text_test.h"
+#include "frwk_test.h"
 #include "xml_checks.h"
 
 #include <set>
@@ -68,7 +68,7 @@ TEST(XmlModel, RefusalsAreTraced)
 // Every allocation of a parse, two changes and a save fails in turn.
 TEST(XmlModel, ShortMemoryIsTold)
 {
-    frwk_test::write_file("/tmp/a.xml", "<a b='1'>x</a>");
+    write_file("/tmp/a.xml", "<a b='1'>x</a>");
     std::set<std::string> messages;
     for (int refused = 1, left = 0; left <= 0; refused++) {
         bool done = false;

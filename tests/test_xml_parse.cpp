@@ -1,13 +1,11 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-#include "text_test.h"
+#include "frwk_test.h"
 #include "xml_checks.h"
 
 #include <ctime>
 #include <thread>
-
-using namespace frwk_test;
 
 namespace {
 

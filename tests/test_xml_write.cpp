@@ -1,12 +1,10 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-#include "text_test.h"
+#include "frwk_test.h"
 #include "xml_checks.h"
 
 #include <sys/resource.h>
-
-using namespace frwk_test;
 
 namespace {
 

@@ -11,14 +11,10 @@
 // something was answered wrongly or lost, or where memory, descriptors or threads have grown.
 #include "frwk_test.h"
 
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
-#include <atomic>
 #include <random>
-
-using namespace frwk_test;
 
 namespace {
 

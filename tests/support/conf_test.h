@@ -1,20 +1,13 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-// What the tests of the configuration files share.
+// What the tests of the settings files share.
 #ifndef CONF_TEST_H
 #define CONF_TEST_H
 
 #include "frwk_test.h"
 
 #include <sys/file.h>
-#include <unistd.h>
-
-#include <filesystem>
-
-namespace conf_test {
-
-using Texts = std::vector<std::string>;
 
 inline const std::string DIR = "/usrdata/odm", LOG = DIR + "/log_conf.xml", START = DIR + "/start_conf.xml";
 
@@ -34,25 +27,19 @@ inline void put(const std::string &path, const char *text, const char *backup = 
     std::filesystem::remove_all(DIR);
     for (const auto &[name, content] : {std::pair(path, text), std::pair(path + ".bak", backup)}) {
         if (content != nullptr) {
-            frwk_test::write_file(name, content);
+            write_file(name, content);
         }
     }
 }
 
-// What a call returns and what it says with all traces on: "result|function: message|...", where a message that is no
-// error has its level in front; without what the parser says.
+// What a call returns and what it says: "result|trace|...", without what the parser says.
 inline std::string call(const std::function<int()> &body)
 {
-    frwk_debug_enable(3);
-    frwk_trace_set("debug");
-    frwk_test::Capture capture;
-    std::string text = std::to_string(body());
-    for (const frwk_test::TraceLine &trace : capture.traces()) {
-        if (!frwk_test::contains(trace.func, "frwk_xml_")) {
-            text += "|" + (trace.level == "error" ? "" : trace.level + " ") + trace.func + ": " + trace.msg;
-        }
+    std::string text;
+    const Texts traces = said([&] { text = std::to_string(body()); });
+    for (const std::string &trace : traces) {
+        text += trace.rfind("frwk_xml_", 0) == 0 ? "" : "|" + trace;
     }
-    frwk_debug_enable(0);
     return text;
 }
 
@@ -69,15 +56,15 @@ inline void check(const std::string &path, const std::vector<Change> &changes)
     for (const Change &row : changes) {
         put(path, row.before);
         EXPECT_EQ(row.outcome, call(row.change));
-        EXPECT_EQ(row.after, frwk_test::read_file(path));
-        EXPECT_FALSE(frwk_test::exists(path + ".bak") || frwk_test::exists(path + ".new"));
+        EXPECT_EQ(row.after, read_file(path));
+        EXPECT_FALSE(exists(path + ".bak") || exists(path + ".new"));
     }
 }
 
 // What a module finds at its start: qti's debug mode, level, supervision flag and start arguments.
 inline std::string settings()
 {
-    frwk_test::Result result = frwk_test::run_child([] {
+    const Result result = run_child([] {
         frwk_module_info_t &qti = g_s_modules_info[FRWK_MODULE_QTI];
         qti.flags &= ~FRWK_MODULE_FLAG_IPC; // the service has no part in this and would start a thread
         EXPECT_EQ(0, frwk_module_init(FRWK_MODULE_QTI, nullptr));
@@ -100,7 +87,5 @@ struct Lock {
         close(fd);
     }
 };
-
-} // namespace conf_test
 
 #endif

@@ -3,20 +3,14 @@
 
 #include "frwk_test.h"
 
-#include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
-#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -30,8 +24,6 @@ extern "C" const char *__tsan_default_options()
 {
     return "die_after_fork=0:second_deadlock_stack=1:atexit_sleep_ms=0";
 }
-
-namespace frwk_test {
 
 namespace {
 
@@ -61,9 +53,9 @@ bool at_address(int (*call)(int, const sockaddr *, socklen_t), int fd, const std
     return call(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
-std::vector<std::string> entries(const std::string &dir)
+Texts entries(const std::string &dir)
 {
-    std::vector<std::string> names;
+    Texts names;
     std::error_code ended; // the process may be gone meanwhile
     for (std::filesystem::directory_iterator it(dir, ended), end; it != end; it.increment(ended)) {
         names.push_back(it->path().filename());
@@ -78,15 +70,14 @@ int memory_file()
     return memfd_create("frwk_test", MFD_CLOEXEC);
 }
 
-long now_ms()
+int64_t now_ms()
 {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<long>(now / std::chrono::milliseconds(1));
+    return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
 }
 
 bool wait_until(const std::function<bool()> &done, int ms)
 {
-    long start = now_ms();
+    const int64_t start = now_ms();
     while (!done()) {
         if (now_ms() - start >= ms) {
             return false;
@@ -96,9 +87,9 @@ bool wait_until(const std::function<bool()> &done, int ms)
     return true;
 }
 
-std::vector<std::string> split_lines(const std::string &text)
+Texts split_lines(const std::string &text)
 {
-    std::vector<std::string> lines;
+    Texts lines;
     std::istringstream stream(text);
     for (std::string line; std::getline(stream, line);) {
         lines.push_back(line);
@@ -154,21 +145,40 @@ bool emulated()
     return read_file("/proc/self/comm").rfind("qemu-", 0) == 0;
 }
 
+bool become_stranger()
+{
+    return setgroups(0, nullptr) == 0 && setgid(12345) == 0 && setuid(12345) == 0;
+}
+
 // ---- traces
 
-// Made at the start, since some tests count blocks of memory.
-static const std::regex trace_start(R"(\[([^\]]*)\].{19}\|([^|]*)\|[^|]*\|([^|]*)\|-?[0-9]+::)"); // after the time
-
-std::vector<TraceLine> parse_console(const std::string &text)
+Texts traces_in(const std::string &console)
 {
-    std::vector<TraceLine> traces;
-    for (const std::string &line : split_lines(text)) {
+    static const std::regex start(R"(\[[^\]]*\].{19}\|([^|]*)\|[^|]*\|([^|]*)\|-?[0-9]+::)"); // after the time
+    Texts traces;
+    for (const std::string &line : split_lines(console)) {
         std::smatch parts;
-        if (std::regex_search(line, parts, trace_start, std::regex_constants::match_continuous)) {
-            traces.push_back({parts[1], parts[2], parts[3], parts.suffix()});
+        if (std::regex_search(line, parts, start, std::regex_constants::match_continuous)) {
+            traces.push_back((parts[1] == "error" ? "" : parts.str(1) + " ") + parts.str(2) + ": " +
+                             parts.suffix().str());
         }
     }
     return traces;
+}
+
+void trace_all()
+{
+    frwk_debug_enable(3);
+    EXPECT_EQ(FRWK_ERROR_SUCCESS, frwk_trace_set("debug"));
+}
+
+Texts said(const std::function<void()> &body)
+{
+    trace_all();
+    Capture capture;
+    body();
+    frwk_debug_enable(0);
+    return capture.traces();
 }
 
 int failures()
@@ -207,12 +217,26 @@ std::string Capture::text()
     return contents(memory);
 }
 
+Texts Capture::traces()
+{
+    return traces_in(text());
+}
+
 bool Capture::wait_for(const std::string &part)
 {
     return wait_until([&] { return contains(text(), part); });
 }
 
 // ---- raw peers
+
+std::string words(const std::vector<int64_t> &values)
+{
+    std::string bytes;
+    for (const int64_t value : values) {
+        bytes += bytes_of(static_cast<uint32_t>(value));
+    }
+    return bytes;
+}
 
 std::string socket_path(const std::string &module)
 {
@@ -274,6 +298,16 @@ std::string answer_to(const std::string &module, const std::string &request)
 }
 
 // ---- child processes
+
+bool Result::ok() const
+{
+    return status == 0;
+}
+
+bool Result::aborted() const
+{
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+}
 
 std::ostream &operator<<(std::ostream &stream, const Result &result)
 {
@@ -338,6 +372,15 @@ Result run_child(const std::function<void()> &body, int seconds)
     return child.wait(seconds * 1000);
 }
 
+void expect_assertion(const Result &child, const std::string &module, const std::string &expression)
+{
+    EXPECT_TRUE(child.aborted()) << child;
+    std::smatch parts;
+    ASSERT_TRUE(std::regex_match(child.err, parts, std::regex("\\[(.*)\\]ASSERT\\([^|]+\\|[^|]+\\|[0-9]+\\), (.*)\n")))
+        << child;
+    EXPECT_EQ(module + ": " + expression, parts.str(1) + ": " + parts.str(2));
+}
+
 Module::Module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb)
 {
     int ends[2];
@@ -371,44 +414,41 @@ Module::~Module()
     }
 }
 
-// ---- the system log
+static const char release_file[] = "/tmp/release";
 
-SyslogSink::SyslogSink()
+static int32_t handler(uint32_t from, uint32_t msg, const uint8_t *req, int32_t req_len, uint8_t *rsp, int32_t rsp_size,
+                       uint32_t timeout)
 {
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    EXPECT_TRUE(at_address(bind, fd, "/dev/log")) << strerror(errno);
-    reader.start([fd] {
-        char message[65536];
-        ssize_t n;
-        while ((n = recv(fd, message, sizeof message - 1, 0)) >= 0) {
-            message[n++] = '\0'; // ends it in what it writes
-            (void)!write(1, message, static_cast<size_t>(n));
-        }
-    });
-    close(fd);
-}
-
-SyslogSink::~SyslogSink()
-{
-    unlink("/dev/log");
-}
-
-std::vector<SyslogLine> SyslogSink::wait_for(size_t count)
-{
-    std::string all;
-    wait_until([&] {
-        all = reader.out();
-        return static_cast<size_t>(std::count(all.begin(), all.end(), '\0')) >= count;
-    });
-    std::vector<SyslogLine> lines;
-    for (size_t at = 0; at < all.size(); at = all.find('\0', at) + 1) {
-        const char *message = all.c_str() + at;
-        char ident[32] = "";
-        int priority = -1, sender = 0, header = 0;
-        sscanf(message, "<%d>%*15c %31[^[][%d]: %n", &priority, ident, &sender, &header);
-        lines.push_back({priority, ident, sender, message + header});
+    int32_t result = 0;
+    if (msg == MSG_ECHO) {
+        std::copy_n(req, std::min(req_len, rsp_size), rsp);
+    } else if (msg == MSG_RESULT) {
+        memcpy(&result, req, sizeof result);
+    } else if (msg == MSG_BLOCK) {
+        std::filesystem::remove(release_file);
+        printf("blocked\n");
+        fflush(stdout);
+        wait_until([] { return exists(release_file); });
+    } else {
+        printf("from=%u msg=%u req=%s len=%d rsp=%s size=%d timeout=%u\n", from, msg, req ? "set" : "null", req_len,
+               rsp ? "set" : "null", rsp_size, timeout);
+        fflush(stdout);
     }
-    return lines;
+    return result;
 }
 
-} // namespace frwk_test
+void serve()
+{
+    EXPECT_EQ(FRWK_ERROR_SUCCESS, frwk_ipc_init(handler));
+}
+
+void serve_and_trace()
+{
+    trace_all();
+    serve();
+}
+
+void release()
+{
+    write_file(release_file, "");
+}

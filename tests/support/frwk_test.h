@@ -1,28 +1,33 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-// What the tests of several families need: child processes, captured output, a system log, raw peers, real modules.
-// Every wait has a deadline; what could not be had is reported by an empty or negative result, never by hanging.
+// What the tests of several families need: child processes, captured output, raw peers, real modules. Every wait has a
+// deadline; what could not be had is reported by an empty or negative result, never by hanging.
 #ifndef FRWK_TEST_H
 #define FRWK_TEST_H
 
+#include "library_calls.h"
 #include <frwk.h>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
-#include <cstdint>
-#include <functional>
-#include <string>
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <filesystem>
 #include <vector>
 
-namespace frwk_test {
+using Texts = std::vector<std::string>;
 
 constexpr int DEADLINE_MS = 20000;
 
-long now_ms(); // monotonic
+int64_t now_ms(); // monotonic
 bool wait_until(const std::function<bool()> &done, int ms = DEADLINE_MS);
-std::vector<std::string> split_lines(const std::string &text);
+Texts split_lines(const std::string &text);
 bool contains(const std::string &text, const std::string &part);
 
 std::string read_file(const std::string &path);                        // "" when it cannot be read
@@ -30,17 +35,19 @@ void write_file(const std::string &path, const std::string &contents); // makes 
 bool exists(const std::string &path);
 int count_fds(pid_t pid);
 int count_threads(pid_t pid); // without those that an emulator or a sanitizer adds to every process
-bool emulated(); // whether this process runs in qemu, which lacks ptrace and memory limits, and keeps memory of threads
+bool emulated();        // whether this process runs in qemu, which lacks memory limits, and keeps memory of threads
+bool become_stranger(); // a user without rights, for good; false where there cannot be one
+int failures();         // of the running test, those inherited by a child included
 
 // ---- traces
 
-struct TraceLine {
-    std::string name, level, func, msg;
-};
-std::vector<TraceLine> parse_console(const std::string &text);
+// The trace lines in a console's text, each as "level function: message", or "function: message" of an error.
+Texts traces_in(const std::string &console);
+
+void trace_all();                              // of this process to its standard output, from now on
+Texts said(const std::function<void()> &body); // what it traces, with all traces on
 
 int memory_file();
-int failures(); // of the running test, those inherited by a child included
 
 // Redirects standard output (or error) of this process to memory while it lives. What failed meanwhile is said after.
 struct Capture {
@@ -48,10 +55,7 @@ struct Capture {
     ~Capture();
 
     std::string text(); // all so far
-    std::vector<TraceLine> traces()
-    {
-        return parse_console(text());
-    }
+    Texts traces();
     bool wait_for(const std::string &part);
 
     int target, saved, memory, failed_before;
@@ -67,6 +71,8 @@ template <typename T> std::string bytes_of(const T &record)
     return std::string(reinterpret_cast<const char *>(&record), sizeof record);
 }
 
+std::string words(const std::vector<int64_t> &values); // of 32 bits, as they stand on the wire
+
 std::string socket_path(const std::string &module);
 int raw_connect(const std::string &module);      // tries until something listens
 int raw_listen(const std::string &module);       // makes the directories too
@@ -81,17 +87,10 @@ std::string answer_to(const std::string &module, const std::string &request);
 
 struct Result {
     int status = -1; // as waitpid() gives it; -1 when the child was still running at the deadline and was killed
-    std::string out;
-    std::string err;
+    std::string out, err;
 
-    bool ok() const // exited with 0, which takes that no expectation has failed in the child
-    {
-        return status == 0;
-    }
-    bool aborted() const // what stood in the buffer of stdout is lost then, but not under TSan
-    {
-        return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
-    }
+    bool ok() const;      // exited with 0, which takes that no expectation has failed in the child
+    bool aborted() const; // what stood in the buffer of stdout is lost then, but not under TSan
 };
 std::ostream &operator<<(std::ostream &stream, const Result &result);
 
@@ -110,6 +109,9 @@ struct Process {
 };
 Result run_child(const std::function<void()> &body, int seconds = 60);
 
+// The child has ended by an assertion of the library with this expression.
+void expect_assertion(const Result &child, const std::string &module, const std::string &expression);
+
 // A process that is a module: runs frwk_module_init(id, cb), then `set_up`, then waits. The constructor returns once it
 // is ready (or has failed), and the destructor ends it by exit(0) and expects that nothing was reported by then.
 struct Module : Process {
@@ -120,24 +122,15 @@ struct Module : Process {
     bool ready; // frwk_module_init() gave 0 and `set_up` returned
 };
 
-// One message as the system log gets it.
-struct SyslogLine {
-    int priority; // facility and severity
-    std::string ident;
-    int pid;
-    std::string text;
+// Messages of the handler that the tests' modules use.
+enum {
+    MSG_ECHO = 7, // gives the body back
+    MSG_RESULT,   // gives the body's word as result
+    MSG_BLOCK,    // says so and waits for release()
+    MSG_TELL      // says what the handler was called with
 };
-
-// The system log: takes what is sent to /dev/log while it lives, in a process of its own, so that senders never block.
-struct SyslogSink {
-    SyslogSink();
-    ~SyslogSink();
-
-    std::vector<SyslogLine> wait_for(size_t count); // all so far, once there are as many
-
-    Process reader;
-};
-
-} // namespace frwk_test
+void serve(); // from now on this module has that handler
+void serve_and_trace();
+void release();
 
 #endif

@@ -1,0 +1,463 @@
+/* SPDX-FileCopyrightText: 2026 the libfrwk authors */
+/* SPDX-License-Identifier: MIT */
+
+// Accidents of the settings files, and accidents that meet: a writer is cut off at any of its calls; what runs next on
+// what it has left meets a failing call, once or for good; and two writers are at work at once, or in spite of the
+// lock. What was acknowledged before the cut, and what has been acknowledged since, is there afterwards.
+#include "conf_test.h"
+
+#include <sys/mman.h>
+
+#include <map>
+#include <numeric>
+#include <set>
+
+namespace {
+
+using Files = std::map<std::string, std::string>; // by path
+using Act = std::function<int()>;
+using NamedActs = std::vector<std::pair<std::string, Act>>;
+
+Files snapshot()
+{
+    Files files;
+    for (const std::string &name : exists(DIR) ? listing() : Texts()) {
+        files[DIR + "/" + name] = read_file(DIR + "/" + name);
+    }
+    return files;
+}
+
+void restore(const Files &files)
+{
+    std::filesystem::remove_all(DIR);
+    for (const auto &[path, text] : files) {
+        write_file(path, text);
+    }
+}
+
+// What one settings file is put through. Each writer sets something of its own.
+struct Subject {
+    std::string path;
+    NamedActs writers, readers;
+    Act earlier; // what was acknowledged before anything else
+    Act next;    // what is set at the end, by a writer that meets no fault
+
+    // Only what was acknowledged earlier is there.
+    Files start() const
+    {
+        restore({});
+        EXPECT_EQ(0, earlier());
+        return snapshot();
+    }
+};
+
+// Loads, and forgets what was loaded: the default writer writes what the table holds.
+int load_start_settings()
+{
+    const std::vector<frwk_module_info_t> rows(g_s_modules_info, g_s_modules_info + FRWK_MODULE_MAX);
+    frwk_init_app_start_cfg();
+    for (size_t id = 0; id < rows.size(); id++) {
+        free(g_s_modules_info[id].start_cmd != rows[id].start_cmd ? g_s_modules_info[id].start_cmd : nullptr);
+        g_s_modules_info[id] = rows[id];
+    }
+    return 0;
+}
+
+const Subject subjects[] = {
+    {LOG,
+     {{"one", [] { return frwk_set_trace_info(FRWK_MODULE_QTI, 2, "debug"); }},
+      {"all", [] { return frwk_all_set_trace_info(3, "warning"); }},
+      {"default", frwk_init_log_cfg_info}},
+     {{"load", [] { return frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr); }}},
+     [] { return frwk_set_trace_info(FRWK_MODULE_MBIMD, 1, "error"); },
+     [] { return frwk_set_trace_info(FRWK_MODULE_QMUXD, 1, "info"); }},
+    {START,
+     {{"command", [] { return frwk_set_app_start_cmd(FRWK_MODULE_QTI, "-q"); }},
+      {"supervision", // says -1, since no monitor answers
+       [] { return frwk_set_app_monitor_conf(FRWK_MODULE_QTI, 0), frwk_get_app_monitor_conf(FRWK_MODULE_QTI); }},
+      {"default", frwk_init_app_start_cfg_file}},
+     {{"load", load_start_settings}, {"query", [] { return frwk_get_app_monitor_conf(FRWK_MODULE_QTI), 0; }}},
+     [] { return frwk_set_app_start_cmd(FRWK_MODULE_MBIMD, "-m"); },
+     [] { return frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "-n"); }}};
+
+// The file after these acts on what is there now and the one that meets no fault, beside which nothing stays.
+std::string followed(const Subject &subject, std::vector<Act> acts = {})
+{
+    int rc = 0;
+    acts.push_back(subject.next);
+    for (const Act &act : acts) {
+        rc = act();
+        const Files files = snapshot();
+        EXPECT_TRUE(files.size() == 1 && files.count(subject.path) == 1) << testing::PrintToString(files);
+    }
+    EXPECT_EQ(0, rc);
+    return read_file(subject.path);
+}
+
+std::string followed(const Subject &subject, const Files &from, const std::vector<Act> &acts = {})
+{
+    restore(from);
+    return followed(subject, acts);
+}
+
+// What a writer leaves when it is cut off: the directory before each of its calls and after the last, and where it has
+// just written a file, what a part of that would be; one part ends with an end tag, so that it parses. All this also
+// where the file system cannot give a name to a file that has none.
+std::set<Files> states_of(const Subject &subject, const Files &before, const Act &writer)
+{
+    std::set<Files> states;
+    const auto note = [&](const std::string &call) {
+        Files state = snapshot();
+        states.insert(state);
+        const auto written = state.find(subject.path + (call == "fsync" ? ".new" : ""));
+        if ((call == "fflush" || call == "fsync") && written != state.end()) {
+            const std::string text = written->second;
+            for (const size_t size : {text.size() / 2, text.find("   </", text.size() / 2) + 5}) {
+                written->second = text.substr(0, text.find('>', size) + (size != text.size() / 2));
+                states.insert(state);
+            }
+        }
+    };
+    for (const int call_without_link : {INT_MAX, 1}) {
+        restore(before);
+        fault_after(call_without_link, {"linkat", EOPNOTSUPP}, true);
+        watched(writer, note);
+        no_more_faults();
+        states.insert(snapshot());
+    }
+    return states;
+}
+
+// The states that the writers can leave: what a setter makes of each, and what is read of it where there are not too
+// many, is what it would be of the one or the other of the two files that it may stand for.
+std::set<Files> all_states(const Subject &subject, const std::set<Files> &befores)
+{
+    const auto read = [&befores] { return befores.size() > 2 ? "" : settings(); };
+    std::set<Files> all;
+    for (const Files &before : befores) {
+        restore(before);
+        const std::string old_settings = read(), old_text = followed(subject);
+        for (const auto &[name, writer] : subject.writers) {
+            SCOPED_TRACE(name);
+            restore(before);
+            writer();
+            const std::string new_settings = read(), new_text = followed(subject);
+            for (const Files &state : states_of(subject, before, writer)) {
+                restore(state);
+                const std::string found = read(), text = followed(subject);
+                EXPECT_TRUE((found == old_settings && text == old_text) || (found == new_settings && text == new_text))
+                    << testing::PrintToString(state) << found << text;
+                all.insert(state);
+            }
+        }
+    }
+    return all;
+}
+
+// ---- states times faults
+
+const Fault file_faults[] = {{"malloc", ENOMEM},
+                             {"open", EMFILE},
+                             {"flock", ENOLCK},
+                             {"fopen", EACCES},
+                             {"fread", EIO},
+                             {"fwrite", ENOSPC},
+                             {"write", ENOSPC},
+                             {"write", 0},
+                             {"fflush", EIO},
+                             {"fclose", EIO},
+                             {"fsync", EIO},
+                             {"rename", ENOSPC},
+                             {"remove", EIO},
+                             {"access", EACCES},
+                             {"lstat", EIO},
+                             {"fstat", EIO},
+                             {"fcntl", EMFILE},
+                             {"linkat", ENOENT},
+                             {"inotify_init1", EMFILE},
+                             {"rename fwrite write", ENOSPC}};
+
+// How often an act makes calls that a fault means.
+using Counts = std::map<std::string, int>;
+
+Counts count_calls(const Files &state, const Act &act)
+{
+    Counts counts;
+    restore(state);
+    watched(act, [&counts](const std::string &call) { counts[call]++; });
+    restore(state);
+    fault_after(INT_MAX - 1, {"malloc", ENOMEM});
+    act();
+    counts["malloc"] = INT_MAX - 1 - calls_until_fault();
+    no_more_faults();
+    return counts;
+}
+
+int count_of(const Fault &fault, const Counts &counts)
+{
+    return std::accumulate(counts.begin(), counts.end(), 0, [&fault](int sum, const auto &call) {
+        return sum + (is_meant(fault, call.first) ? call.second : 0);
+    });
+}
+
+// Where this is set in the environment, each accident is tried; else one of several that are alike.
+const char ALL[] = "FRWK_ACCIDENTS";
+
+// Of faults at this many calls one is tried: what lasts fails much the same, and so do the allocations of a parse.
+int stride_of(const std::string &call, bool lasts, bool is_deep)
+{
+    const int usual = (call == "malloc" ? 7 : 1) * (lasts ? 3 : 1) * (is_deep ? 29 : 1);
+    return getenv(ALL) != nullptr ? 1 : emulated() || SANITIZED ? 7 * usual : usual;
+}
+
+// One act on one state with every fault. None of these ends the process: the files are too small for a buffer that must
+// grow. The number of faults.
+int meet_faults(const Subject &subject, const Files &state, int state_number, const Act &act, bool reads, bool is_deep)
+{
+    const std::string without = followed(subject, state);
+    const std::string with = reads ? without : followed(subject, state, {act});
+    const Counts counts = count_calls(state, act);
+    int tried = 0;
+    for (const Fault &fault : file_faults) {
+        for (const bool lasts : {false, true}) {
+            const int stride = stride_of(fault.call, lasts, is_deep), last = count_of(fault, counts);
+            for (int n = 1 + state_number % stride; n <= last && !testing::Test::HasFailure(); n += stride) {
+                restore(state);
+                fault_after(n, fault, lasts);
+                const bool acknowledged = act() == 0;
+                EXPECT_TRUE(no_more_faults()) << "not reached";
+                const bool unread = !reads || snapshot() == state;
+                const std::string found = followed(subject);
+                EXPECT_TRUE(unread && (found == with || (found == without && !acknowledged)))
+                    << fault.call << " " << strerror(fault.error) << (lasts ? " for good" : "") << " at call " << n
+                    << " on " << testing::PrintToString(state) << (unread ? "" : "\nreading has changed something")
+                    << (acknowledged ? "\nacknowledged: " : "\nrefused: ") << found;
+                tried++;
+            }
+        }
+    }
+    return tried;
+}
+
+void check_every_accident(const Subject &subject)
+{
+    const std::set<Files> first = all_states(subject, {Files(), subject.start()});
+    const std::set<Files> states = all_states(subject, first); // and those that putting these right can leave
+    int count = 0, number = 0;
+    for (const Files &state : states) {
+        for (const NamedActs *acts : {&subject.writers, &subject.readers}) {
+            for (const auto &[name, act] : *acts) {
+                SCOPED_TRACE(name);
+                count += meet_faults(subject, state, number, act, acts == &subject.readers, first.count(state) == 0);
+            }
+        }
+        number++;
+    }
+    printf("%s: %zu states, %d accidents\n", subject.path.c_str(), states.size(), count);
+}
+
+TEST(Accidents, LogSettings)
+{
+    check_every_accident(subjects[0]);
+}
+
+TEST(Accidents, StartSettings)
+{
+    check_every_accident(subjects[1]);
+}
+
+// ---- two at once
+
+// The first writer has had the lock for so long, at its n-th call, that the second goes on without it. At its m-th call
+// the second one is late, too: the first ends meanwhile, and then the second is killed there or goes on. Which of them
+// were acknowledged, and whether there were as many calls.
+struct Encounter {
+    bool first_reached, second_reached, first_acknowledged, second_acknowledged;
+};
+
+Encounter meet(const Act &first, const Act &second, int n, int m, bool is_killed)
+{
+    int reached[2], ended[2]; // pipes: the second is at its m-th call; the first has ended
+    EXPECT_TRUE(pipe2(reached, O_CLOEXEC) == 0 && pipe2(ended, O_CLOEXEC) == 0);
+    const auto wait_in_second = [&](const std::string &) {
+        char byte = 0;
+        if (--m == 0) {
+            (void)!write(reached[1], "", 1);
+            (void)!read(ended[0], &byte, 1);
+            if (is_killed) {
+                _exit(1);
+            }
+        }
+    };
+    Process other;
+    Encounter end = {};
+    const auto start_second = [&](const std::string &) {
+        char byte = 0;
+        if (--n == 0) {
+            other.start([&] {
+                close(ended[1]);
+                fault_after(1, {"flock", ENOLCK}, true);
+                _exit(watched(second, wait_in_second) == 0 ? 0 : 1);
+            });
+            close(std::exchange(reached[1], -1));
+            end.first_reached = true;
+            end.second_reached = read(reached[0], &byte, 1) == 1;
+        }
+    };
+    end.first_acknowledged = watched(first, start_second) == 0;
+    close(ended[1]);
+    end.second_acknowledged = end.first_reached && other.wait().ok();
+    for (const int fd : {reached[0], reached[1], ended[0]}) {
+        close(fd);
+    }
+    return end;
+}
+
+// At least the one that was acknowledged last is there; the other may have been saved while this one had the file read.
+int check_encounters(const Subject &subject, const Files &before, const Act &first, const Act &second, bool is_killed)
+{
+    const auto file_after = [&](const std::vector<Act> &acts) { return followed(subject, before, acts); };
+    const std::string both = file_after({first, second}), other_way_round = file_after({second, first});
+    const std::set<std::string> with_first = {file_after({first}), both, other_way_round};
+    const std::set<std::string> with_second = {file_after({second}), both, other_way_round};
+    const std::string with_neither = file_after({});
+    int count = 0;
+    const int stride = getenv(ALL) != nullptr ? 1 : emulated() || SANITIZED ? 15 : 2; // these fork slowly
+    for (int n = 1, m = 1; !testing::Test::HasFailure();) {
+        restore(before);
+        const Encounter ends = meet(first, second, n, m, is_killed);
+        if (!ends.first_reached) {
+            break;
+        }
+        count++;
+        const std::string found = followed(subject);
+        const bool has_first = with_first.count(found) != 0, has_second = with_second.count(found) != 0;
+        const bool is_there = ends.first_acknowledged == ends.second_acknowledged
+                                  ? has_first || has_second || (!ends.first_acknowledged && found == with_neither)
+                              : ends.first_acknowledged ? has_first
+                                                        : has_second;
+        EXPECT_TRUE(is_there) << "calls " << n << " and " << m << (is_killed ? ", killed" : "") << ", acknowledged "
+                              << ends.first_acknowledged << " and " << ends.second_acknowledged << ": " << found;
+        n = ends.second_reached ? n : n + 1;
+        m = ends.second_reached ? m + stride : 1 + n % stride;
+    }
+    return count;
+}
+
+TEST(Accidents, TwoWritersWithoutTheLock)
+{
+    for (const Subject &subject : subjects) {
+        SCOPED_TRACE(subject.path);
+        const Files before = subject.start();
+        const Act setter = subject.writers.front().second, by_default = subject.writers.back().second;
+        const std::pair<Act, Act> pairs[] = {
+            {setter, subject.writers[1].second}, {setter, by_default}, {by_default, setter}, {by_default, by_default}};
+        int count = 0;
+        for (const auto &[first, second] : pairs) {
+            count += check_encounters(subject, before, first, second, false);
+            count += check_encounters(subject, before, first, second, true);
+        }
+        printf("%s: %d encounters of two writers\n", subject.path.c_str(), count);
+    }
+}
+
+// Each writer counts its own setting up: what is read lies between what was done by then and what was begun since.
+TEST(Accidents, TwoWritersKilledAtRandom)
+{
+    void *shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    std::atomic<int> *begun = static_cast<std::atomic<int> *>(shared), *done = begun + 2;
+    const uint32_t ids[2] = {FRWK_MODULE_QTI, FRWK_MODULE_MBIMD};
+    Process writers[2];
+    const auto begin = [&](int i) {
+        writers[i].start([&, i] {
+            for (int k = ++begun[i]; frwk_set_app_start_cmd(ids[i], std::to_string(k).c_str()) == 0; k = ++begun[i]) {
+                done[i] = k;
+            }
+        });
+    };
+    begin(0);
+    begin(1);
+    const int64_t latest = now_ms() + 40000; // sanitizers are slow
+    for (int round = 0; round < (emulated() ? 50 : 200) && now_ms() < latest && !HasFailure(); round++) {
+        SCOPED_TRACE(round);
+        usleep(static_cast<useconds_t>(rand() % 5000));
+        const int i = rand() % 2;
+        EXPECT_TRUE(WIFSIGNALED(writers[i].stop(SIGKILL).status)) << "a setter failed";
+        const int set[2] = {done[0], done[1]};
+        const Result result = run_child([&] {
+            frwk_init_app_start_cfg();
+            for (int k = 0; k < 2; k++) {
+                const char *cmd = g_s_modules_info[ids[k]].start_cmd;
+                const int found = cmd != nullptr ? atoi(cmd) : 0;
+                EXPECT_TRUE(set[k] <= found && found <= begun[k]) << found;
+            }
+        });
+        EXPECT_TRUE(result.ok()) << result;
+        begin(i);
+    }
+    EXPECT_TRUE(done[0] > 20 && done[1] > 20);
+    for (Process &writer : writers) {
+        writer.stop(SIGKILL);
+    }
+    EXPECT_EQ(0, frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "x"));
+    EXPECT_EQ(Texts{"start_conf.xml"}, listing());
+}
+
+// A reader that finds a piece looks for the backup; by then, at whichever of its calls, the save may have ended.
+TEST(Accidents, SaveEndsWhileRead)
+{
+    const std::string whole = "<root><mbimd><monitor_service>0</monitor_service></mbimd></root>"; // built in: 1
+    for (const std::string &piece : {std::string(), whole.substr(0, 15), std::string("<root>")}) {
+        for (int n = 1, left = 0; left <= 0; n++) {
+            SCOPED_TRACE(piece + " " + std::to_string(n));
+            restore({{START, piece}, {START + ".bak", whole}});
+            left = n;
+            const auto end_save = [&](const std::string &) { --left == 0 ? restore({{START, whole}}) : void(); };
+            EXPECT_EQ(0, watched([] { return frwk_get_app_monitor_conf(FRWK_MODULE_MBIMD); }, end_save));
+        }
+    }
+}
+
+// The settings are in the backup, which cannot be renamed back.
+TEST(Accidents, RefusedWhileInDoubt)
+{
+    for (const Subject &subject : subjects) {
+        const Files state = {{subject.path + ".bak", subject.start()[subject.path]}};
+        restore(state);
+        fault_after(1, {"rename", ENOSPC}, true);
+        EXPECT_EQ(FRWK_ERROR_CONFIG_FILE, subject.writers.front().second());
+        EXPECT_TRUE(no_more_faults());
+        EXPECT_EQ(state, snapshot());
+    }
+}
+
+// A whole new file that this user may not read, and a stale backup that he may.
+TEST(Accidents, FileOfAnotherUser)
+{
+    for (const Subject &subject : subjects) {
+        const std::string old_text = subject.start()[subject.path];
+        const Files state = {{subject.path, followed(subject)}, {subject.path + ".bak", old_text}};
+        const std::string whole = followed(subject, state);
+        restore(state);
+        chmod(DIR.c_str(), 0777);
+        chmod(subject.path.c_str(), 0600);
+        const Result result = run_child([&] {
+            if (!become_stranger()) {
+                printf("refused");
+                return;
+            }
+            EXPECT_EQ(FRWK_ERROR_CONFIG_FILE, subject.writers.front().second());
+            for (const auto &[name, reader] : subject.readers) {
+                reader();
+            }
+        });
+        if (result.out == "refused") {
+            GTEST_SKIP() << "another user cannot be had here";
+        }
+        EXPECT_TRUE(result.ok()) << result;
+        EXPECT_EQ(state, snapshot());
+        EXPECT_EQ(whole, followed(subject));
+    }
+}
+
+} // namespace
