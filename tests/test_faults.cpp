@@ -46,8 +46,8 @@ std::string outcome_of(const std::function<int()> &act)
 {
     Capture out;
     const std::string result = std::to_string(act());
-    const Texts traces = out.traces();
-    return traces.empty() ? result : result + "|" + traces.back().substr(traces.back().find(": ") + 2);
+    const Texts traces = traces_in(out.text(), "|$3");
+    return traces.empty() ? result : result + traces.back();
 }
 
 // The texts of both files and of what lies beside them.

@@ -25,7 +25,7 @@ struct Lines {
             return split_lines(all.substr(seen)).size() >= count;
         }));
         for (const std::string &line : split_lines(all.substr(seen))) {
-            const Texts trace = said(line);
+            const Texts trace = traces_in(line);
             lines.push_back(trace.empty() ? line : trace[0]);
         }
         seen = all.size();
@@ -91,7 +91,7 @@ TEST(Service, Requests)
 
 TEST(Service, AwaitsItsHandler)
 {
-    Module module(FRWK_MODULE_QMUXD, trace_all, [](uint32_t) { frwk_ipc_init(test_handler); });
+    Module module(FRWK_MODULE_QMUXD, trace_all, [](uint32_t) { serve(); });
     Lines lines{module};
     std::vector<std::future<std::string>> held;
     const long start = now_ms();
@@ -142,8 +142,8 @@ TEST(Service, HostileFrames)
         EXPECT_GE(now_ms() - start + 1, row.least_ms);
         close(fd);
     }
-    for (const TraceLine &trace : parse_console(module.out())) {
-        EXPECT_TRUE(trace.func == "frwk_ipc_recv" || trace.func == "frwk_ipc_handle") << trace.func;
+    for (const std::string &function : traces_in(module.out(), "$2")) {
+        EXPECT_TRUE(function == "frwk_ipc_recv" || function == "frwk_ipc_handle") << function;
     }
     int fd = raw_connect("qmuxd"); // a body in a piece of its own will do
     raw_send(fd, words({2, MSG_ECHO, 0, 0, 5, 5}));
@@ -178,7 +178,6 @@ TEST(Service, AnnouncedSizesAreNotTouched)
 // Fills all 21 connection threads, sees a further connection refused, and frees them again.
 void fill_and_free(const Module &module)
 {
-    unlink(RELEASE_FILE);
     Lines lines{module};
     std::vector<int> fds;
     for (int i = 0; i < 21; i++) {
@@ -198,7 +197,7 @@ void fill_and_free(const Module &module)
 
 TEST(Service, TwentyOneAtOnceAndNoSlotIsLost)
 {
-    Module module(FRWK_MODULE_QMUXD, serve_and_trace, [](uint32_t) { fail_threads = 1; });
+    Module module(FRWK_MODULE_QMUXD, serve_and_trace, [](uint32_t) { fault_after(1, {"pthread_create", EAGAIN}); });
     const int fds = count_fds(module.pid);
     fill_and_free(module);
     EXPECT_TRUE(idle(module, fds));

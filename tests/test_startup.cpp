@@ -80,11 +80,11 @@ TEST(StartUp, IpcThatCannotStartEndsTheProcess)
         write_file(part == "socket" ? "/tmp/odm/ipc" : "/tmp/odm/ipc/x", "no directory");
         const Result child = run_child([&] {
             setvbuf(stdout, nullptr, _IONBF, 0);
-            fail_threads = part == "thread";
+            fault_after(part == "thread" ? 1 : INT_MAX, {"pthread_create", EAGAIN});
             frwk_module_init(FRWK_MODULE_QMUXD, nullptr);
         });
         EXPECT_TRUE(child.aborted()) << child;
-        EXPECT_EQ("error|create ipc service " + part + " failed!", said(child.out).back());
+        EXPECT_EQ("error|create ipc service " + part + " failed!", traces_in(child.out).back());
     }
 }
 

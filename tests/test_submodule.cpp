@@ -36,7 +36,7 @@ TEST(Submodule, DeliversWhatWasSent)
     EXPECT_EQ(3, frwk_submodule_send(1, 0, 1, data, -1));
     EXPECT_EQ(Texts({"error|Invalid submodule to=8", "error|Submodule to=6 is not created",
                      "error|Invalid message length=-1"}),
-              said(out.traces()));
+              out.messages());
     EXPECT_TRUE(wait_until([] { return count == 2; }));
     EXPECT_EQ(std::vector<Message>({{0, 0xffffffff, 0x80000000, "data"}, {7, 3, 1, ""}}), received);
     const std::string arguments = "(NULL != cb) && (FRWK_SUBMODULE_MIN <= sid) && (FRWK_SUBMODULE_MAX > sid)";

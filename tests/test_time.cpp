@@ -6,24 +6,26 @@
 
 #include <cstdlib>
 
-static std::string sleeps;
+namespace {
 
-extern "C" unsigned int sleep(unsigned int seconds)
+std::string sleeps;
+
+unsigned int note_sleep(unsigned int seconds)
 {
     sleeps += std::to_string(seconds) + "s";
     return seconds; // cut short by a signal: not to be resumed
 }
 
-extern "C" int usleep(useconds_t micros)
+int note_usleep(useconds_t micros)
 {
     sleeps += std::to_string(micros) + "us";
     return -1;
 }
 
-namespace {
-
 TEST(Time, SleepsSecondsThenTheRest)
 {
+    replace_call("sleep", note_sleep);
+    replace_call("usleep", note_usleep);
     const std::pair<int, const char *> rows[] = {
         {INT_MIN, ""}, {0, ""}, {999, "999000us"}, {1000, "1s"}, {2500, "2s500000us"}, {INT_MAX, "2147483s647000us"}};
     for (const auto &[ms, calls] : rows) {
@@ -47,7 +49,7 @@ TEST(Time, UptimeAndDifference)
     fixed_uptime = 10700001999;
     frwk_get_uptime(&now);
     EXPECT_TRUE(now.sec == 10 && now.usec == 700001);
-    fail_uptime = true;
+    fault_after(1, {"clock_gettime", EINVAL});
     frwk_get_uptime(&now);
     EXPECT_TRUE(now.sec == 0 && now.usec == 0);
 }

@@ -18,7 +18,7 @@
 
 namespace {
 
-enum { CLIENTS = 7, MSG_ECHO = 7, MSG_COUNT, BODY_SIZE = 6000, HELD = 5, STARVING_MS = 400 };
+enum { CLIENTS = 7, MSG_COUNT = MSG_ECHO + 1, BODY_SIZE = 6000, HELD = 5, STARVING_MS = 400 };
 
 // What all processes count.
 struct Counts {
@@ -167,9 +167,9 @@ int main(int argc, char **argv)
     frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr);
     const int alive = frwk_ipc_msg_set(FRWK_MODULE_QMUXD, FRWK_MSG_SYS_PING, nullptr, 0, 1, nullptr);
     long refused = 0, starved = 0;
-    for (const TraceLine &trace : parse_console(module.out())) {
-        refused += contains(trace.msg, "handle thread too many");
-        starved += contains(trace.msg, "errno=24");
+    for (const std::string &trace : traces_in(module.out())) {
+        refused += contains(trace, "handle thread too many");
+        starved += contains(trace, "errno=24");
     }
     printf("%.0f s: %ld synchronous requests, %ld answered; %ld asynchronous, %ld taken, %ld handled\n"
            "%d clients killed; connections: %ld silent, %ld never read, %ld of garbage\n"

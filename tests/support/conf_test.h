@@ -18,6 +18,7 @@ inline Texts listing()
     for (const auto &entry : std::filesystem::directory_iterator(DIR)) {
         names.push_back(entry.path().filename());
     }
+    std::sort(names.begin(), names.end());
     return names;
 }
 

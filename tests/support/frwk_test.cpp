@@ -152,15 +152,13 @@ bool become_stranger()
 
 // ---- traces
 
-Texts traces_in(const std::string &console)
+Texts traces_in(const std::string &console, const char *form)
 {
-    static const std::regex start(R"(\[[^\]]*\].{19}\|([^|]*)\|[^|]*\|([^|]*)\|-?[0-9]+::)"); // after the time
+    static const std::regex line(R"(\[[^\]]*\].{19}\|([^|]*)\|[^|]*\|([^|]*)\|-?[0-9]+::(.*))"); // after the time
     Texts traces;
-    for (const std::string &line : split_lines(console)) {
-        std::smatch parts;
-        if (std::regex_search(line, parts, start, std::regex_constants::match_continuous)) {
-            traces.push_back((parts[1] == "error" ? "" : parts.str(1) + " ") + parts.str(2) + ": " +
-                             parts.suffix().str());
+    for (const std::string &text : split_lines(console)) {
+        if (std::regex_match(text, line)) {
+            traces.push_back(std::regex_replace(text, line, form));
         }
     }
     return traces;
@@ -178,7 +176,11 @@ Texts said(const std::function<void()> &body)
     Capture capture;
     body();
     frwk_debug_enable(0);
-    return capture.traces();
+    Texts traces = traces_in(capture.text(), "$1 $2: $3");
+    for (std::string &trace : traces) {
+        trace.erase(0, trace.rfind("error ", 0) == 0 ? 6 : 0);
+    }
+    return traces;
 }
 
 int failures()
@@ -217,7 +219,7 @@ std::string Capture::text()
     return contents(memory);
 }
 
-Texts Capture::traces()
+Texts Capture::messages()
 {
     return traces_in(text());
 }

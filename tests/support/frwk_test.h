@@ -41,11 +41,13 @@ int failures();         // of the running test, those inherited by a child inclu
 
 // ---- traces
 
-// The trace lines in a console's text, each as "level function: message", or "function: message" of an error.
-Texts traces_in(const std::string &console);
+// The trace lines in a console's text: level ($1), function ($2) and message ($3) in this form.
+Texts traces_in(const std::string &console, const char *form = "$1|$3");
 
-void trace_all();                              // of this process to its standard output, from now on
-Texts said(const std::function<void()> &body); // what it traces, with all traces on
+void trace_all(); // of this process to its standard output, from now on
+
+// What `body` traces, with all traces on: "function: message" of each error, with the level in front of what is none.
+Texts said(const std::function<void()> &body);
 
 int memory_file();
 
@@ -55,7 +57,7 @@ struct Capture {
     ~Capture();
 
     std::string text(); // all so far
-    Texts traces();
+    Texts messages(); // the traces among it, "level|message"
     bool wait_for(const std::string &part);
 
     int target, saved, memory, failed_before;
