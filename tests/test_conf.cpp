@@ -6,8 +6,6 @@
 // lock. What was acknowledged before the cut, and what has been acknowledged since, is there afterwards.
 #include "conf_test.h"
 
-#include <sys/mman.h>
-
 #include <map>
 #include <numeric>
 #include <set>
@@ -277,40 +275,21 @@ struct Encounter {
 
 Encounter meet(const Act &first, const Act &second, int n, int m, bool is_killed)
 {
-    int reached[2], ended[2]; // pipes: the second is at its m-th call; the first has ended
-    EXPECT_TRUE(pipe2(reached, O_CLOEXEC) == 0 && pipe2(ended, O_CLOEXEC) == 0);
-    const auto wait_in_second = [&](const std::string &) {
-        char byte = 0;
-        if (--m == 0) {
-            (void)!write(reached[1], "", 1);
-            (void)!read(ended[0], &byte, 1);
-            if (is_killed) {
-                _exit(1);
-            }
-        }
-    };
     Process other;
-    Encounter end = {};
+    siginfo_t state = {};
     const auto start_second = [&](const std::string &) {
-        char byte = 0;
         if (--n == 0) {
             other.start([&] {
-                close(ended[1]);
                 fault_after(1, {"flock", ENOLCK}, true);
-                _exit(watched(second, wait_in_second) == 0 ? 0 : 1);
+                _exit(watched(second, [&](const std::string &) { --m == 0 ? raise(SIGSTOP) : 0; }) == 0 ? 0 : 1);
             });
-            close(std::exchange(reached[1], -1));
-            end.first_reached = true;
-            end.second_reached = read(reached[0], &byte, 1) == 1;
+            waitid(P_PID, static_cast<id_t>(other.pid), &state, WSTOPPED | WEXITED | WNOWAIT);
         }
     };
-    end.first_acknowledged = watched(first, start_second) == 0;
-    close(ended[1]);
-    end.second_acknowledged = end.first_reached && other.wait().ok();
-    for (const int fd : {reached[0], reached[1], ended[0]}) {
-        close(fd);
-    }
-    return end;
+    const bool first_acknowledged = watched(first, start_second) == 0;
+    const bool first_reached = other.pid > 0;
+    const bool second_acknowledged = first_reached && other.stop(is_killed ? SIGKILL : SIGCONT).ok();
+    return {first_reached, state.si_code == CLD_STOPPED, first_acknowledged, second_acknowledged};
 }
 
 // At least the one that was acknowledged last is there; the other may have been saved while this one had the file read.
@@ -361,46 +340,26 @@ TEST(Accidents, TwoWritersWithoutTheLock)
     }
 }
 
-// Each writer counts its own setting up: what is read lies between what was done by then and what was begun since.
-TEST(Accidents, TwoWritersKilledAtRandom)
+// Both hold the lock in turn, so that neither takes back what the other has set.
+TEST(Accidents, TwoWritersTakeTurns)
 {
-    void *shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    std::atomic<int> *begun = static_cast<std::atomic<int> *>(shared), *done = begun + 2;
-    const uint32_t ids[2] = {FRWK_MODULE_QTI, FRWK_MODULE_MBIMD};
-    Process writers[2];
-    const auto begin = [&](int i) {
-        writers[i].start([&, i] {
-            for (int k = ++begun[i]; frwk_set_app_start_cmd(ids[i], std::to_string(k).c_str()) == 0; k = ++begun[i]) {
-                done[i] = k;
-            }
-        });
+    const std::string last = std::to_string(emulated() ? 20 : 200);
+    const auto count_up = [&last](uint32_t id) {
+        std::string value;
+        for (int k = 1; value != last; k++) {
+            value = std::to_string(k);
+            EXPECT_EQ(0, frwk_set_app_start_cmd(id, value.c_str()));
+        }
     };
-    begin(0);
-    begin(1);
-    const int64_t latest = now_ms() + 40000; // sanitizers are slow
-    for (int round = 0; round < (emulated() ? 50 : 200) && now_ms() < latest && !HasFailure(); round++) {
-        SCOPED_TRACE(round);
-        usleep(static_cast<useconds_t>(rand() % 5000));
-        const int i = rand() % 2;
-        EXPECT_TRUE(WIFSIGNALED(writers[i].stop(SIGKILL).status)) << "a setter failed";
-        const int set[2] = {done[0], done[1]};
-        const Result result = run_child([&] {
-            frwk_init_app_start_cfg();
-            for (int k = 0; k < 2; k++) {
-                const char *cmd = g_s_modules_info[ids[k]].start_cmd;
-                const int found = cmd != nullptr ? atoi(cmd) : 0;
-                EXPECT_TRUE(set[k] <= found && found <= begun[k]) << found;
-            }
-        });
-        EXPECT_TRUE(result.ok()) << result;
-        begin(i);
+    Process other;
+    other.start([&] { count_up(FRWK_MODULE_MBIMD); });
+    count_up(FRWK_MODULE_QTI);
+    EXPECT_TRUE(other.wait().ok());
+    frwk_init_app_start_cfg();
+    for (const uint32_t id : {FRWK_MODULE_MBIMD, FRWK_MODULE_QTI}) {
+        EXPECT_EQ(last, g_s_modules_info[id].start_cmd);
+        free_block(g_s_modules_info[id].start_cmd);
     }
-    EXPECT_TRUE(done[0] > 20 && done[1] > 20);
-    for (Process &writer : writers) {
-        writer.stop(SIGKILL);
-    }
-    EXPECT_EQ(0, frwk_set_app_start_cmd(FRWK_MODULE_MONITOR, "x"));
-    EXPECT_EQ(Texts{"start_conf.xml"}, listing());
 }
 
 // A reader that finds a piece looks for the backup; by then, at whichever of its calls, the save may have ended.
@@ -415,48 +374,6 @@ TEST(Accidents, SaveEndsWhileRead)
             const auto end_save = [&](const std::string &) { --left == 0 ? restore({{START, whole}}) : void(); };
             EXPECT_EQ(0, watched([] { return frwk_get_app_monitor_conf(FRWK_MODULE_MBIMD); }, end_save));
         }
-    }
-}
-
-// The settings are in the backup, which cannot be renamed back.
-TEST(Accidents, RefusedWhileInDoubt)
-{
-    for (const Subject &subject : subjects) {
-        const Files state = {{subject.path + ".bak", subject.start()[subject.path]}};
-        restore(state);
-        fault_after(1, {"rename", ENOSPC}, true);
-        EXPECT_EQ(FRWK_ERROR_CONFIG_FILE, subject.writers.front().second());
-        EXPECT_TRUE(no_more_faults());
-        EXPECT_EQ(state, snapshot());
-    }
-}
-
-// A whole new file that this user may not read, and a stale backup that he may.
-TEST(Accidents, FileOfAnotherUser)
-{
-    for (const Subject &subject : subjects) {
-        const std::string old_text = subject.start()[subject.path];
-        const Files state = {{subject.path, followed(subject)}, {subject.path + ".bak", old_text}};
-        const std::string whole = followed(subject, state);
-        restore(state);
-        chmod(DIR.c_str(), 0777);
-        chmod(subject.path.c_str(), 0600);
-        const Result result = run_child([&] {
-            if (!become_stranger()) {
-                printf("refused");
-                return;
-            }
-            EXPECT_EQ(FRWK_ERROR_CONFIG_FILE, subject.writers.front().second());
-            for (const auto &[name, reader] : subject.readers) {
-                reader();
-            }
-        });
-        if (result.out == "refused") {
-            GTEST_SKIP() << "another user cannot be had here";
-        }
-        EXPECT_TRUE(result.ok()) << result;
-        EXPECT_EQ(state, snapshot());
-        EXPECT_EQ(whole, followed(subject));
     }
 }
 

@@ -197,4 +197,19 @@ TEST(Request, ToOneself)
     release();
 }
 
+// A signal may end the wait for an answer early, at whichever of its reads.
+TEST(Request, InterruptedReadsGoOn)
+{
+    Module qmuxd(FRWK_MODULE_QMUXD, serve);
+    become_requester();
+    const std::string body(36000, 'x');
+    for (int n = 1, reached = true; reached; n++) {
+        std::string rsp(body.size(), ' ');
+        fault_after(n, {"recv", EINTR});
+        EXPECT_EQ(0, frwk_ipc_send_sync(9, MSG_ECHO, body.data(), 36000, rsp.data(), 36000, 1, nullptr));
+        EXPECT_TRUE(rsp == body) << n;
+        reached = no_more_faults();
+    }
+}
+
 } // namespace

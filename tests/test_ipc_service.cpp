@@ -225,4 +225,23 @@ TEST(Service, TwentyOneAtOnceAndNoSlotIsLost)
     fill_and_free(module);
 }
 
+// As often as there are slots for connections, and more; some of the bodies are on the heap.
+TEST(Service, HandlersMayBeCancelled)
+{
+    const auto cancelled = [](uint32_t, uint32_t, const uint8_t *, int32_t, uint8_t *, int32_t, uint32_t) {
+        pthread_cancel(pthread_self());
+        frwk_sleep(60000);
+        return 0;
+    };
+    Module module(FRWK_MODULE_QMUXD, [&] { frwk_ipc_init(cancelled); });
+    const int fds = count_fds(module.pid);
+    for (int i = 0; i < 30; i++) {
+        const int body = i % 2 * 10000, answer = i % 3 * 4000;
+        const std::string header = words({2, MSG_ECHO, 0, 1, answer, body});
+        EXPECT_EQ("", answer_to("qmuxd", header + std::string(static_cast<size_t>(body), 'x')));
+    }
+    EXPECT_TRUE(idle(module, fds));
+    EXPECT_EQ(DONE, answer_to("qmuxd", PING));
+}
+
 } // namespace

@@ -2,9 +2,10 @@
 /* SPDX-License-Identifier: MIT */
 
 // Start-up of modules: the lock, what the process inherits, the order of things, refusals.
-#include "frwk_test.h"
+#include "conf_test.h"
 
 #include <sys/prctl.h>
+#include <sys/stat.h>
 
 #include <regex>
 
@@ -100,6 +101,38 @@ TEST(StartUp, WaitsAndKeepsTheTimers)
     EXPECT_EQ(1, frwk_timer_start(1, nullptr, 100000)) << "the timers go on";
     EXPECT_FALSE(exists("/tmp/odm/lock/logtool") || exists("/tmp/odm/ipc/logtool"))
         << "tools have neither a lock nor a service";
+}
+
+// What a module and the setters make, nobody else may change.
+TEST(StartUp, StrangersAreKeptOut)
+{
+    umask(022);
+    Module module(FRWK_MODULE_QMUXD);
+    EXPECT_EQ(0, frwk_set_trace_info(FRWK_MODULE_QTI, 1, "info"));
+    EXPECT_EQ(0, frwk_init_app_start_cfg_file());
+    for (const char *dir : {"/tmp/odm", DIR.c_str()}) {
+        EXPECT_EQ(0755U, static_cast<unsigned>(fs::status(dir).permissions())) << dir;
+        for (const auto &entry : fs::recursive_directory_iterator(dir)) {
+            const fs::perms others = fs::perms::group_write | fs::perms::others_write;
+            EXPECT_EQ(fs::perms::none, entry.status().permissions() & others) << entry;
+        }
+    }
+}
+
+TEST(StartUp, PlantedLinksAreNotFollowed)
+{
+    write_file("/tmp/victim", "untouched");
+    for (const std::string &path : {std::string("/tmp/odm/lock/qti"), socket_path("qmuxd"), LOG + ".new"}) {
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::filesystem::create_symlink("/tmp/victim", path);
+    }
+    const Result refused = run_child([] { EXPECT_EQ(-1, frwk_module_init(FRWK_MODULE_QTI, nullptr)); });
+    EXPECT_TRUE(refused.ok()) << refused;
+    EXPECT_EQ("can't open /tmp/odm/lock/qti\n", refused.err);
+    Module module(FRWK_MODULE_QMUXD, serve);
+    EXPECT_TRUE(module.ready) << "the link is taken away for the socket";
+    EXPECT_EQ(0, frwk_set_trace_info(FRWK_MODULE_QTI, 1, "info"));
+    EXPECT_EQ("untouched", read_file("/tmp/victim"));
 }
 
 } // namespace

@@ -177,6 +177,31 @@ TEST(Timer, FiresInOrder)
               out.messages());
 }
 
+// The milliseconds leave 31 bits at 24.86 days and 32 bits at 49.71.
+TEST(Timer, LongUptimes)
+{
+    static std::atomic<int> fired;
+    ASSERT_EQ(0, frwk_timer_init([](int number, void *) { EXPECT_EQ(number, ++fired); }));
+    for (double uptime : {2147482, 2147483, 2151360, 4294966, 4294967}) {
+        fired = 0;
+        fixed_uptime = seconds(uptime);
+        frwk_uptime_t deadline;
+        frwk_simple_timer_start(&deadline, 1500);
+        for (int number : {3, 1, 2}) {
+            frwk_timer_start(number, nullptr, 500 * number);
+        }
+        for (int number : {1, 2, 3}) {
+            EXPECT_EQ(0, frwk_simple_timer_timeout(&deadline));
+            fixed_uptime = seconds(uptime + 0.5 * number - 0.001);
+            usleep(30000);
+            EXPECT_EQ(number - 1, fired) << uptime;
+            fixed_uptime = seconds(uptime + 0.5 * number);
+            EXPECT_TRUE(wait_until([=] { return fired == number; })) << uptime;
+        }
+        EXPECT_EQ(1, frwk_simple_timer_timeout(&deadline));
+    }
+}
+
 TEST(Timer, Deadlines)
 {
     using Row = std::tuple<int, double, int, int>; // delay, seconds later, timed out, seconds that remain

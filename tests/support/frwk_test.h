@@ -36,7 +36,6 @@ bool exists(const std::string &path);
 int count_fds(pid_t pid);
 int count_threads(pid_t pid); // without those that an emulator or a sanitizer adds to every process
 bool emulated();        // whether this process runs in qemu, which lacks memory limits, and keeps memory of threads
-bool become_stranger(); // a user without rights, for good; false where there cannot be one
 int failures();         // of the running test, those inherited by a child included
 
 // ---- traces
