@@ -1,8 +1,8 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-#include "hash_model.h"
 #include "frwk_test.h"
+#include "hash_model.h"
 
 #include <random>
 

@@ -10,15 +10,17 @@ namespace {
 
 constexpr uint32_t TAB = FRWK_XML_INDENT_TAB, SPACES = FRWK_XML_INDENT_SPACES, RAW = FRWK_XML_RAW;
 
-std::string buffered(frwk_xml_node_t *node, uint32_t flags)
+// The text, and the size that the buffer reaches for it.
+std::pair<std::string, int> buffered(frwk_xml_node_t *node, uint32_t flags)
 {
     frwk_buffer_t b;
     EXPECT_EQ(1, frwk_buffer_init(&b));
     EXPECT_EQ(0, frwk_xml_cache_save(&b, node, flags));
     EXPECT_LT(b.len, b.size);
     std::string text(reinterpret_cast<char *>(b.bp), static_cast<size_t>(b.len));
+    const int size = b.size;
     frwk_buffer_free(&b);
-    return text;
+    return {text, size};
 }
 
 TEST(XmlWrite, Layout)
@@ -35,7 +37,7 @@ TEST(XmlWrite, Layout)
     for (auto [source, flags, result] : rows) {
         std::string text = source;
         Doc doc(frwk_xml_cache_parse(text.data()));
-        EXPECT_EQ(result, buffered(doc->root, flags));
+        EXPECT_EQ(result, buffered(doc->root, flags).first);
         EXPECT_EQ(result, streamed(doc->root, flags));
     }
 
@@ -44,11 +46,11 @@ TEST(XmlWrite, Layout)
     frwk_xml_node_t *a = frwk_xml_get_doc_root(doc.get()), *b = frwk_xml_get_child_node(a, "b");
     frwk_xml_node_t *comment = frwk_list_entry(a->children.prev, frwk_xml_node_t, list);
     EXPECT_EQ(" <!---->\n", streamed(comment, 0));
-    EXPECT_EQ(" <!--  -->\n", buffered(comment, 0));
+    EXPECT_EQ(" <!--  -->\n", buffered(comment, 0).first);
     comment->type = 7;   // unknown types leave their indentation only
     b->parent = nullptr; // as a module may have left it
     b->depth = 3;
-    EXPECT_EQ("<a>\n  <b>\n  <c>x</c>\n  </b>\n </a>\n", buffered(doc->root, 0));
+    EXPECT_EQ("<a>\n  <b>\n  <c>x</c>\n  </b>\n </a>\n", buffered(doc->root, 0).first);
 }
 
 TEST(XmlWrite, PartsAlone)
@@ -73,43 +75,27 @@ TEST(XmlWrite, PartsAlone)
     frwk_buffer_free(&b);
 }
 
-// The size that a buffer reaches is its user's memory: the sum of what the pieces of the text ask for, one by one.
+// The size that a buffer reaches is its user's memory: it grows by whole blocks before a piece of the text that would
+// not fit. The rows stand on both sides of such limits.
 TEST(XmlWrite, BufferGrowsPieceByPiece)
 {
-    for (int n = 0; n < 13000; n += n < 3900 || n % 4096 > 3900 || n % 4096 < 50 ? 1 : 97) {
-        const int depth = n % 7 == 0 ? n / 7 + 1 : 3;
-        int size = 4096, len = 0;
-        auto ask = [&](int bytes) { size += size - len <= bytes ? bytes / 4096 * 4096 + 4096 : 0; };
-        auto put = [&](int bytes) { ask(bytes), len += bytes; };
-        auto escaped = [&](const std::string &plain) {
-            for (size_t i = 0; i < plain.size(); i++) {
-                ask(8), len++;
-            }
-        };
-        const std::string name(static_cast<size_t>(n % 1009 + 1), 'n'), value(static_cast<size_t>(n), 'v');
-        const int name_len = static_cast<int>(name.size());
-        ask(4 * depth), len += 3 * (depth - 1);
-        put(1), put(name_len), put(1), put(1), put(2); // <name a="
-        escaped(value);
-        put(1), put(1); // ">
-        escaped(value);
-        ask(8), len += 4; // &lt;
-        escaped(value);
-        put(2), put(name_len), put(2); // </name>
-
+    using Row = std::tuple<size_t, size_t, int, int>; // lengths of the name and the values, depth, size reached
+    const Row rows[] = {{2040, 0, 1, 4096},  {2041, 0, 1, 8192},  {4088, 0, 1, 8192},  {4089, 0, 1, 12288},
+                        {6136, 0, 1, 12288}, {6137, 0, 1, 16384}, {6138, 0, 1, 20480}, {8191, 0, 1, 20480},
+                        {8192, 0, 1, 28672}, {1, 1358, 1, 4096},  {1, 1359, 1, 8192},  {1, 2724, 1, 8192},
+                        {1, 2725, 1, 12288}, {15, 1350, 1, 4096}, {16, 1350, 1, 8192}, {1, 0, 1023, 4096},
+                        {1, 0, 1024, 12288}, {1, 0, 2047, 12288}, {1, 0, 2048, 16384}};
+    for (const auto &[name, values, depth, size] : rows) {
+        const std::string value(values, 'v');
         Doc doc(frwk_xml_alloc_doc());
-        frwk_xml_node_append(doc->root, name.c_str(), (value + "<" + value).c_str());
+        frwk_xml_node_append(doc->root, std::string(name, 'n').c_str(), (value + "<" + value).c_str());
         frwk_xml_node_t *node = frwk_xml_get_doc_root(doc.get());
         frwk_xml_attr_t *attr = frwk_xml_alloc_attr();
         attr->name = frwk_strdup("a");
         attr->value = frwk_strdup(value.c_str());
         frwk_list_add(&node->attrs, &attr->list);
         node->depth = depth;
-        frwk_buffer_t b;
-        EXPECT_EQ(1, frwk_buffer_init(&b));
-        EXPECT_EQ(0, frwk_xml_cache_save(&b, node, SPACES));
-        EXPECT_EQ((std::pair{size, len}), (std::pair{b.size, b.len})) << n;
-        frwk_buffer_free(&b);
+        EXPECT_EQ(size, buffered(node, SPACES).second) << name << " " << values << " " << depth;
     }
 }
 
@@ -128,10 +114,10 @@ TEST(XmlSave, ReplacesTheFile)
     write_file(path, "old content");
     EXPECT_EQ(0, frwk_xml_file_save(doc.get(), nullptr));
     EXPECT_FALSE(exists(path + ".bak"));
-    EXPECT_EQ(buffered(doc->root, SPACES), read_file(path));
+    EXPECT_EQ(buffered(doc->root, SPACES).first, read_file(path));
     EXPECT_EQ(below(doc->root), below(Doc(frwk_xml_file_parse(path.c_str()))->root));
     std::string full = "<a>" + std::string(4088, 'x') + "</a>"; // just fills the first block of the buffer
-    EXPECT_EQ(full + "\n", buffered(Doc(frwk_xml_cache_parse(full.data()))->root, RAW));
+    EXPECT_EQ(full + "\n", buffered(Doc(frwk_xml_cache_parse(full.data()))->root, RAW).first);
 }
 
 TEST(XmlSave, FailuresLeaveTheOldFile)

@@ -177,19 +177,7 @@ Texts said(const std::function<void()> &body)
     return traces;
 }
 
-int failures()
-{
-    const testing::UnitTest *all = testing::UnitTest::GetInstance();
-    const testing::TestInfo *test = all->current_test_info(); // null in a program that is no test, such as soak
-    const testing::TestResult *result = test != nullptr ? test->result() : &all->ad_hoc_test_result();
-    int count = 0;
-    for (int i = 0; i < result->total_part_count(); i++) {
-        count += result->GetTestPartResult(i).failed();
-    }
-    return count;
-}
-
-Capture::Capture(int fd) : target(fd), saved(-1), memory(memory_file()), failed_before(failures())
+Capture::Capture(int fd) : target(fd), memory(memory_file())
 {
     fflush(nullptr);
     saved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
@@ -200,7 +188,7 @@ Capture::~Capture()
 {
     fflush(nullptr);
     dup2(saved, target);
-    if (failures() > failed_before) {
+    if (testing::Test::HasFailure()) {
         (void)!write(target, contents(memory).data(), contents(memory).size());
     }
     close(saved);
@@ -295,16 +283,6 @@ std::string answer_to(const std::string &module, const std::string &request)
 
 // ---- child processes
 
-bool Result::ok() const
-{
-    return status == 0;
-}
-
-bool Result::aborted() const
-{
-    return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
-}
-
 std::ostream &operator<<(std::ostream &stream, const Result &result)
 {
     return stream << "wait status " << result.status << "\n" << result.out << result.err;
@@ -318,9 +296,8 @@ void Process::start(const std::function<void()> &body)
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         dup2(out_memory, 1);
         dup2(err_memory, 2);
-        const int before = failures();
         body();
-        exit(failures() > before ? 1 : 0);
+        exit(testing::Test::HasFailure() ? 1 : 0);
     }
 }
 

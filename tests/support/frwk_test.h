@@ -35,8 +35,7 @@ void write_file(const std::string &path, const std::string &contents); // makes 
 bool exists(const std::string &path);
 int count_fds(pid_t pid);
 int count_threads(pid_t pid); // without those that an emulator or a sanitizer adds to every process
-bool emulated();        // whether this process runs in qemu, which lacks memory limits, and keeps memory of threads
-int failures();         // of the running test, those inherited by a child included
+bool emulated(); // whether this process runs in qemu, which lacks memory limits, and keeps memory of threads
 
 // ---- traces
 
@@ -50,16 +49,18 @@ Texts said(const std::function<void()> &body);
 
 int memory_file();
 
-// Redirects standard output (or error) of this process to memory while it lives. What failed meanwhile is said after.
+// Redirects standard output (or error) of this process to memory while it lives. It is said after all where the test
+// has failed.
 struct Capture {
     explicit Capture(int fd = 1);
     ~Capture();
 
     std::string text(); // all so far
-    Texts messages(); // the traces among it, "level|message"
+    Texts messages();   // the traces among it, "level|message"
     bool wait_for(const std::string &part);
 
-    int target, saved, memory, failed_before;
+    const int target, memory;
+    int saved;
 };
 
 // ---- raw peers on the wire
@@ -90,8 +91,14 @@ struct Result {
     int status = -1; // as waitpid() gives it; -1 when the child was still running at the deadline and was killed
     std::string out, err;
 
-    bool ok() const;      // exited with 0, which takes that no expectation has failed in the child
-    bool aborted() const; // what stood in the buffer of stdout is lost then, but not under TSan
+    bool ok() const // exited with 0, which takes that no expectation has failed
+    {
+        return status == 0;
+    }
+    bool aborted() const // what stood in the buffer of stdout is lost then, but not under TSan
+    {
+        return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
+    }
 };
 std::ostream &operator<<(std::ostream &stream, const Result &result);
 
