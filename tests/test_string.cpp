@@ -70,6 +70,17 @@ TEST(Buffer, GrowsByMoreThanAsked)
     }
 }
 
+TEST(Buffer, EndsTheProcessWhenItCannotGrow)
+{
+    expect_assertion(run_child([] {
+                         frwk_buffer_t bf;
+                         ASSERT_EQ(1, frwk_buffer_init(&bf));
+                         fault_after(1, {"malloc", ENOMEM});
+                         frwk_buffer_grow(&bf, 5000);
+                     }),
+                     "unknown", "NULL != bf->bp");
+}
+
 TEST(FileValue, IsWrittenAndReadWhole)
 {
     const char path[] = "/tmp/value";

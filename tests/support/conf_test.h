@@ -44,6 +44,18 @@ inline std::string call(const std::function<int()> &body)
     return text;
 }
 
+// What a call returns and the warning or error that it has traced last: "result|message".
+inline std::string outcome_of(const std::function<int()> &act)
+{
+    frwk_debug_enable(3);
+    frwk_trace_set("warning");
+    Capture out;
+    const std::string result = std::to_string(act());
+    frwk_debug_enable(0);
+    const Texts traces = traces_in(out.text(), "|$3");
+    return traces.empty() ? result : result + traces.back();
+}
+
 const char MADE[] = "0|debug frwk_system: exec cmd 'mkdir /usrdata/odm' success!", BROKEN[] = "<root><qti>\n</root>";
 
 struct Change {
