@@ -285,55 +285,43 @@ TEST(Accidents, StartSettings)
 // ---- two at once
 
 // The first writer has had the lock for so long, at its n-th call, that the second goes on without it. At its m-th call
-// the second one is late, too: the first ends meanwhile, and then the second is killed there or goes on. Which of them
-// were acknowledged, and whether there were as many calls.
-struct Encounter {
-    bool first_reached, second_reached, first_acknowledged, second_acknowledged;
-};
-
-Encounter meet(const Act &first, const Act &second, int n, int m, bool is_killed)
-{
-    Process other;
-    siginfo_t state = {};
-    const auto start_second = [&](const std::string &) {
-        if (--n == 0) {
-            other.start([&] {
-                fault_after(1, {"flock", ENOLCK}, true);
-                _exit(watched(second, [&](const std::string &) { --m == 0 ? raise(SIGSTOP) : 0; }) == 0 ? 0 : 1);
-            });
-            waitid(P_PID, static_cast<id_t>(other.pid), &state, WSTOPPED | WEXITED | WNOWAIT);
-        }
-    };
-    const bool first_acknowledged = watched(first, start_second) == 0;
-    const bool first_reached = other.pid > 0;
-    const bool second_acknowledged = first_reached && other.stop(is_killed ? SIGKILL : SIGCONT).ok();
-    return {first_reached, state.si_code == CLD_STOPPED, first_acknowledged, second_acknowledged};
-}
-
-// At least the one that was acknowledged last is there; the other may have been saved while this one had the file read.
-int check_encounters(const Subject &subject, const Files &before, const Act &first, const Act &second, bool is_killed)
+// the second one is late, too: the first ends meanwhile, and then the second is killed there or goes on. At least the
+// one that was acknowledged last is there; the other may have been saved while this one had the file read.
+int check_encounters(const Subject &subject, const Files &before, const Act &first, const Act &second, int end_signal)
 {
     const auto file_after = [&](const std::vector<Act> &acts) { return followed(subject, before, acts); };
     const std::string both = file_after({first, second}), other_way_round = file_after({second, first});
     const std::string first_alone = file_after({first}), second_alone = file_after({second}), neither = file_after({});
-    int count = 0;
     const int stride = getenv(ALL) != nullptr ? 1 : emulated() || SANITIZED ? 15 : 2; // these fork slowly
-    for (int n = 1, m = 1; !testing::Test::HasFailure();) {
+    int n = 1, m = 1, count = 0;
+    const auto act_late = [&] {
+        fault_after(1, {"flock", ENOLCK}, true);
+        int left = m;
+        _exit(watched(second, [&](const std::string &) { --left == 0 ? raise(SIGSTOP) : 0; }) == 0 ? 0 : 1);
+    };
+    for (bool reached = true; reached && !testing::Test::HasFailure(); count += reached) {
         restore(before);
-        const Encounter ends = meet(first, second, n, m, is_killed);
-        if (!ends.first_reached) {
-            break;
-        }
-        count++;
+        Process other;
+        siginfo_t state = {};
+        int left = n;
+        const bool has_first =
+            watched(first, [&](const std::string &) {
+                if (--left == 0) {
+                    other.start(act_late);
+                    waitid(P_PID, static_cast<id_t>(other.pid), &state, WSTOPPED | WEXITED | WNOWAIT);
+                }
+            }) == 0;
+        reached = other.pid > 0;
+        const bool has_second = reached && other.stop(end_signal).ok();
         const std::string found = followed(subject);
-        const bool has_first = ends.first_acknowledged, has_second = ends.second_acknowledged;
         EXPECT_TRUE(found == both || found == other_way_round || (found == first_alone && (has_first || !has_second)) ||
                     (found == second_alone && (has_second || !has_first)) ||
                     (found == neither && !has_first && !has_second))
-            << "calls " << n << " and " << m << (is_killed ? ", killed" : "") << ", acknowledged " << has_first
-            << " and " << has_second << ": " << found;
-        n = ends.second_reached ? n : n + 1;
-        m = ends.second_reached ? m + stride : 1 + n % stride;
+            << "calls " << n << " and " << m << ", signal " << end_signal << ", acknowledged " << has_first << " and "
+            << has_second << ": " << found;
+        const bool was_late = state.si_code == CLD_STOPPED;
+        n += !was_late;
+        m = was_late ? m + stride : 1 + n % stride;
     }
     return count;
 }
@@ -348,8 +336,9 @@ TEST(Accidents, TwoWritersWithoutTheLock)
             {setter, subject.writers[1].act}, {setter, by_default}, {by_default, setter}, {by_default, by_default}};
         int count = 0;
         for (const auto &[first, second] : pairs) {
-            count += check_encounters(subject, before, first, second, false);
-            count += check_encounters(subject, before, first, second, true);
+            for (const int end_signal : {SIGCONT, SIGKILL}) {
+                count += check_encounters(subject, before, first, second, end_signal);
+            }
         }
         printf("%s: %d encounters of two writers\n", subject.path.c_str(), count);
     }

@@ -168,10 +168,10 @@ TEST(Faults, Service)
 {
     const auto ask = [](uint32_t async, int32_t size) { // what is large stands on the heap
         const std::string body(6000, 'x');
-        const std::string answer = bytes_of(RspHdr{0, size}) + (size != 0 ? body + std::string(2000, '\0') : "");
+        const std::string answer = words({0, size}) + (size != 0 ? body + std::string(2000, '\0') : "");
         const int fd = raw_connect("qti");
         usleep(50000); // so that the service waits
-        raw_send(fd, bytes_of(ReqHdr{4, 7, async, 1, size, 6000}) + body);
+        raw_send(fd, words({4, 7, async, 1, size, 6000}) + body);
         const bool answered = raw_recv(fd, answer.size()) == answer;
         close(fd);
         return answered ? 0 : -1;

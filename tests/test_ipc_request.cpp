@@ -108,18 +108,15 @@ TEST(Request, Outcomes)
                                          [&] { return frwk_ipc_send_sync(9, 7, "req", 3, rsp, 8, 1, &result); }));
         EXPECT_EQ(row.result, result);
         EXPECT_TRUE(row.rsp.empty() || row.rsp == rsp) << rsp;
-        EXPECT_EQ(row.said, out.messages());
+        EXPECT_EQ(row.said, out.lines());
         // What an acknowledgement holds is of no interest.
         EXPECT_EQ(row.said == header ? 19 : 15, with_peer("qmuxd", words({4, 7, 1, 1, 0, 0}), row.answer,
                                                           [] { return frwk_ipc_send_async(9, 7, nullptr, 0, 1); }));
     }
     EXPECT_EQ(fds, count_fds(getpid()));
     with_peer("qmuxd", words({4, 7, 0, 1, 8, 0}), {words({0, 9}) + "123456789"}, [] {
-        const Result child = run_child([] {
-            char rsp[8];
-            frwk_ipc_msg_get(9, 7, rsp, 8, 1, nullptr);
-        });
-        expect_assertion(child, "logtool", "rsphdr.msg_len <= rspsize");
+        char rsp[8];
+        EXPECT_DEATH(frwk_ipc_msg_get(9, 7, rsp, 8, 1, nullptr), assertion("logtool", "rsphdr.msg_len <= rspsize"));
         return 0;
     });
 }
@@ -137,7 +134,7 @@ TEST(Request, Arguments)
     EXPECT_EQ(3, frwk_ipc_send_sync(4, 7, buf, 4, buf, -1, 1, nullptr));
     Texts expected = {"frwk_ipc_send_sync: invalid module id=0", "frwk_ipc_send_async: invalid module id=10"};
     expected.resize(6, "frwk_ipc_send_sync: invalid request arguments!");
-    EXPECT_EQ(expected, traces_in(out.text(), "$2: $3"));
+    EXPECT_EQ(expected, lines_in(out.text(), "$2: "));
 }
 
 TEST(Request, Broadcasts)
@@ -152,25 +149,15 @@ TEST(Request, Broadcasts)
         frwk_ipc_msg_broadcast(700);
         return 0;
     });
-    EXPECT_EQ(connect_failed({"monitor", "serial_bridge", "qmuxd"}), out.messages());
+    EXPECT_EQ(connect_failed({"monitor", "serial_bridge", "qmuxd"}), out.lines());
     with_peer("logtool", words({2, 701, 1, 3, 0, 4}) + "data", {words({0, 0})}, [] {
         frwk_ipc_msg_broadcast_data(701, "data", 4);
         return 0;
     });
     EXPECT_EQ(connect_failed({"monitor", "serial_bridge", "qmuxd", "monitor", "dial_test", "serial_bridge",
                               "monitor_tool", "mbimd", "qti", "qmuxd"}),
-              out.messages());
+              out.lines());
     EXPECT_FALSE(contains(out.text(), "msg=70")) << "not to oneself";
-}
-
-TEST(Request, BetweenModules)
-{
-    Module qmuxd(FRWK_MODULE_QMUXD, serve_and_trace);
-    ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_ATFWD_DAEMON, nullptr));
-    std::vector<uint8_t> body(32000, 7), rsp(4000000, 0xff);
-    EXPECT_EQ(0, frwk_ipc_send_sync(9, MSG_ECHO, body.data(), 32000, rsp.data(), 4000000, 1, nullptr));
-    body.resize(rsp.size());
-    EXPECT_TRUE(body == rsp) << "more than a socket holds, in many reads";
 }
 
 TEST(Request, ToOneself)
@@ -181,6 +168,7 @@ TEST(Request, ToOneself)
     EXPECT_EQ(0, frwk_ipc_send_sync(4, 7, nullptr, 0, nullptr, 0, 0, &result)) << "whatever the handler's result";
     EXPECT_EQ(13, result);
     EXPECT_EQ(FRWK_ERROR_INVALID_PARAM, frwk_ipc_init(nullptr));
+    EXPECT_EQ(Texts({"warning|ipc handler is null!", "error|Parameter is null!"}), out.lines());
     serve();
     char data[] = "12", rsp[] = "."; // as it is
     EXPECT_EQ(0, frwk_ipc_send_sync(4, MSG_TELL, data, 2, rsp, 1, 99, nullptr));
@@ -192,22 +180,20 @@ TEST(Request, ToOneself)
     const int32_t failure = 1;
     EXPECT_EQ(FRWK_ERROR_ASYNC, frwk_ipc_send_async(4, MSG_RESULT, &failure, 4, 0));
     EXPECT_TRUE(out.wait_for("::call msg handler failed!\n"));
-    EXPECT_EQ(Texts({"warning|ipc handler is null!", "error|Parameter is null!", "error|call msg handler failed!"}),
-              out.messages());
     release();
 }
 
-// A signal may end the wait for an answer early, at whichever of its reads.
+// More than a socket holds, in many reads; a signal may end the wait for each of them early.
 TEST(Request, InterruptedReadsGoOn)
 {
     Module qmuxd(FRWK_MODULE_QMUXD, serve);
     become_requester();
-    const std::string body(36000, 'x');
-    for (int n = 1, reached = true; reached; n++) {
-        std::string rsp(body.size(), ' ');
+    const std::string body(32000, 'x');
+    for (int n = 1, reached = true; reached; n += 1 + n / 4) {
+        std::string rsp(4000000, ' ');
         fault_after(n, {"recv", EINTR});
-        EXPECT_EQ(0, frwk_ipc_send_sync(9, MSG_ECHO, body.data(), 36000, rsp.data(), 36000, 1, nullptr));
-        EXPECT_TRUE(rsp == body) << n;
+        EXPECT_EQ(0, frwk_ipc_send_sync(9, MSG_ECHO, body.data(), 32000, &rsp[0], 4000000, 1, nullptr));
+        EXPECT_TRUE(rsp == body + std::string(4000000 - body.size(), '\0')) << n;
         reached = no_more_faults();
     }
 }

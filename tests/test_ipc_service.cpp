@@ -14,26 +14,21 @@ constexpr int IDLE_THREADS = 2; // the main one and the accept loop
 
 const std::string PING = words({2, 5, 0, 0, 0, 0}), DONE = words({0, 0});
 
-// What a module has written since the last call, when there are as many lines: traces as "level|message".
+// What a module has written since the last call, when there are as many lines.
 struct Lines {
     Texts next(size_t count = 0)
     {
         Texts lines;
-        std::string all;
         EXPECT_TRUE(wait_until([&] {
-            all = module.out();
-            return split_lines(all.substr(seen)).size() >= count;
+            lines = lines_in(module.out());
+            return lines.size() >= seen + count;
         }));
-        for (const std::string &line : split_lines(all.substr(seen))) {
-            const Texts trace = traces_in(line);
-            lines.push_back(trace.empty() ? line : trace[0]);
-        }
-        seen = all.size();
+        lines.erase(lines.begin(), lines.begin() + static_cast<ptrdiff_t>(std::exchange(seen, lines.size())));
         return lines;
     }
 
     const Module &module;
-    size_t seen = module.out().size();
+    size_t seen = lines_in(module.out()).size();
 };
 
 bool idle(const Module &module, int fds)
@@ -142,8 +137,8 @@ TEST(Service, HostileFrames)
         EXPECT_GE(now_ms() - start + 1, row.least_ms);
         close(fd);
     }
-    for (const std::string &function : traces_in(module.out(), "$2")) {
-        EXPECT_TRUE(function == "frwk_ipc_recv" || function == "frwk_ipc_handle") << function;
+    for (const std::string &line : lines_in(module.out(), "$2 ")) {
+        EXPECT_TRUE(line.rfind("frwk_ipc_recv ", 0) == 0 || line.rfind("frwk_ipc_handle ", 0) == 0) << line;
     }
     int fd = raw_connect("qmuxd"); // a body in a piece of its own will do
     raw_send(fd, words({2, MSG_ECHO, 0, 0, 5, 5}));

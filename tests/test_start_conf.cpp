@@ -62,7 +62,7 @@ TEST(StartConf, MonitorIsTold)
             int fd = raw_accept(listener);
             request = raw_recv(fd, 32);
             unlocked = Lock().held;
-            raw_send(fd, bytes_of(RspHdr{answer, 0}));
+            raw_send(fd, words({answer, 0}));
             close(fd);
         }
         close(listener);
@@ -72,8 +72,7 @@ TEST(StartConf, MonitorIsTold)
     EXPECT_EQ(file(entry("qti", "4")), read_file(START)) << "whatever the monitor says";
     EXPECT_EQ("0", call([] { return frwk_set_app_monitor_conf(FRWK_MODULE_QTI, -5); }));
     monitor.join();
-    const int32_t body[2] = {FRWK_MODULE_QTI, -5};
-    EXPECT_EQ(bytes_of(ReqHdr{0, 503, 0, 3, 0, 8}) + bytes_of(body), request);
+    EXPECT_EQ(words({0, 503, 0, 3, 0, 8, FRWK_MODULE_QTI, -5}), request);
     EXPECT_TRUE(unlocked) << "the monitor may change the file";
     EXPECT_EQ(file(entry("qti", "-5")), read_file(START));
 }

@@ -36,13 +36,14 @@ TEST(Submodule, DeliversWhatWasSent)
     EXPECT_EQ(3, frwk_submodule_send(1, 0, 1, data, -1));
     EXPECT_EQ(Texts({"error|Invalid submodule to=8", "error|Submodule to=6 is not created",
                      "error|Invalid message length=-1"}),
-              out.messages());
+              out.lines());
     EXPECT_TRUE(wait_until([] { return count == 2; }));
     EXPECT_EQ(std::vector<Message>({{0, 0xffffffff, 0x80000000, "data"}, {7, 3, 1, ""}}), received);
-    const std::string arguments = "(NULL != cb) && (FRWK_SUBMODULE_MIN <= sid) && (FRWK_SUBMODULE_MAX > sid)";
-    expect_assertion(run_child([] { frwk_submodule_create(8, record); }), "unknown", arguments);
-    expect_assertion(run_child([] { frwk_submodule_create(1, nullptr); }), "unknown", arguments);
-    expect_assertion(run_child([] { frwk_submodule_create(0, record); }), "unknown", "NULL == smt->cb");
+    const auto arguments =
+        assertion("unknown", "(NULL != cb) && (FRWK_SUBMODULE_MIN <= sid) && (FRWK_SUBMODULE_MAX > sid)");
+    EXPECT_DEATH(frwk_submodule_create(8, record), arguments);
+    EXPECT_DEATH(frwk_submodule_create(1, nullptr), arguments);
+    EXPECT_DEATH(frwk_submodule_create(0, record), assertion("unknown", "NULL == smt->cb"));
 }
 
 TEST(Submodule, KeepsTheOrderOfEachSender)

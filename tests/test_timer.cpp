@@ -65,7 +65,7 @@ TEST(Timer, IdsAndOrder)
     EXPECT_EQ(Texts({"error|timer(499ms) < delay(500ms)", "error|timer service is not started!",
                      "error|can not found timer by id=1", "error|timer(499ms) < delay(500ms)",
                      "error|timer(-2147483648ms) < delay(500ms)", "error|can not found timer by id=3"}),
-              out.messages());
+              out.lines());
     for (int id : {INT_MAX - 1, 1}) { // 2147483647 is never given out, nor is 0
         g_s_timer_ctrl.next_id = id == 1 ? INT_MAX : id;
         EXPECT_EQ(id, frwk_timer_start(id, nullptr, INT_MAX));
@@ -166,7 +166,7 @@ TEST(Timer, FiresInOrder)
     EXPECT_EQ("", pending());
     EXPECT_EQ(Texts({"info|own 3 null", "info|own 1 data", "info|default 2 data", "error|can not found timer by id=6",
                      "info|stopped taken", "info|own 8 data"}),
-              out.messages());
+              out.lines());
 }
 
 // The milliseconds leave 31 bits at 24.86 days and 32 bits at 49.71.

@@ -35,28 +35,6 @@ std::string logged(int priority, const std::string &text)
     return "<qmuxd " + std::to_string(LOG_LOCAL7) + " " + std::to_string(priority) + ">" + text + "\n";
 }
 
-// Makes this process a module that traces all in a debug mode.
-void become(uint32_t id, int mode)
-{
-    ASSERT_EQ(0, frwk_module_init(id, nullptr));
-    ASSERT_EQ(0, frwk_trace_set("debug"));
-    frwk_debug_enable(mode);
-}
-
-// Traces messages of which some do not fit, and a header that does not either; the lines without a limit.
-Texts trace_long(const std::string &start)
-{
-    const std::string header = start + "error|f.c|g|1::", longer(3000, 'n');
-    Texts lines;
-    for (size_t total : {1021U, 1022U, 1023U, 1024U, 5000U}) {
-        lines.push_back(header + std::string(total - header.size() - 1, 'm') + "z");
-        frwk_trace_print("f.c", "g", 1, FRWK_TRACE_ERROR, "%s", lines.back().substr(header.size()).c_str());
-    }
-    frwk_trace_print(longer.c_str(), longer.c_str(), 1, FRWK_TRACE_ERROR, "%s", longer.c_str());
-    lines.push_back(start + "error|" + longer);
-    return lines;
-}
-
 TEST(Trace, LevelsAndBaseNames)
 {
     const std::pair<const char *, int> levels[] = {{"", 0},        {"null", 0},   {"error", 1},
@@ -88,47 +66,59 @@ TEST(Trace, LevelsAndBaseNames)
     EXPECT_STREQ("", frwk_get_filename(nullptr));
 }
 
-TEST(Trace, ConsoleLine)
+TEST(Trace, LinesOfBothSinks)
 {
     setenv("TZ", "AAA-3:30", 1);
-    become(FRWK_MODULE_LOGTOOL, 3);
-    const std::string start = "[logtool]2024-01-02 12:35:07|";
     fixed_time = INT64_C(1704186307) * 1000000000;
-    Capture out;
-    frwk_trace_print("/src/dir\\file.cpp", "func", 42, FRWK_TRACE_WARNING, "%s=%d", "100%d %s%n", -7);
-    frwk_trace_print(nullptr, "", INT32_MIN, 3, "two\nlines %%");
-    std::string expected =
-        start + "warning|file.cpp|func|42::100%d %s%n=-7\n" + start + "null|||-2147483648::two\nlines %\n";
-    for (const std::string &line : trace_long(start)) {
-        expected += line.substr(0, 1022) + "\n";
-    }
-    EXPECT_EQ(expected, out.text());
-    fixed_time = -1;
-}
-
-TEST(Trace, SyslogLine)
-{
     replace_call("openlog", open_log);
     replace_call("syslog", reinterpret_cast<void *>(log_message));
-    become(FRWK_MODULE_QMUXD, 1);
-    const std::tuple<int, int, const char *> rows[] = {{INT32_MIN, 6, "null"}, {0, 6, "null"}, {1, 3, "error"},
-                                                       {2, 4, "warning"},      {3, 6, "null"}, {4, 6, "info"},
-                                                       {7, 6, "null"},         {8, 7, "debug"}};
-    std::string expected;
-    Capture out;
+    const std::string start = "[qmuxd]2024-01-02 12:35:07|", text = "|file.cpp|func|42::100%d %s%n=-7";
+    const std::tuple<int, int, std::string> rows[] = {{INT32_MIN, 6, "null"}, {0, 6, "null"}, {1, 3, "error"},
+                                                      {2, 4, "warning"},      {3, 6, "null"}, {4, 6, "info"},
+                                                      {7, 6, "null"},         {8, 7, "debug"}};
+    std::string console, syslog;
     for (const auto &[level, priority, name] : rows) {
-        frwk_trace_print("/src/dir\\file.cpp", "func", 42, level, "%s=%d", "100%d %s%n", -7);
-        expected += logged(priority, name + std::string("|file.cpp|func|42::100%d %s%n=-7"));
+        console += start + name + text + "\n";
+        syslog += logged(priority, name + text);
     }
-    for (int mode : {0, 4, -1, INT32_MIN, 2}) { // the last is a second name of the system log
+    ASSERT_EQ(0, frwk_module_init(FRWK_MODULE_QMUXD, nullptr));
+    frwk_trace_set("debug");
+    Capture out;
+    for (int mode : {1, 0, 4, -1, INT32_MIN, 2, 3}) { // 2 is a second name of the system log
         frwk_debug_enable(mode);
-        frwk_trace_print("f.c", "g", 1, FRWK_TRACE_ERROR, "%d", mode);
+        for (const auto &[level, priority, name] : rows) {
+            frwk_trace_print("/src/dir\\file.cpp", "func", 42, level, "%s=%d", "100%d %s%n", -7);
+        }
     }
-    expected += logged(3, "error|f.c|g|1::2");
-    for (const std::string &line : trace_long("")) {
-        expected += logged(3, line.substr(0, 1023));
+    EXPECT_EQ(syslog + syslog + console, out.text()) << "literal";
+}
+
+// Messages of which some do not fit, and a header that does not either.
+TEST(Trace, LongLinesAreCut)
+{
+    const std::string longer(3000, 'n');
+    replace_call("syslog", reinterpret_cast<void *>(log_message));
+    ident = "qmuxd";
+    facility = LOG_LOCAL7;
+    fixed_time = 0;
+    setenv("TZ", "UTC", 1);
+    for (const int mode : {1, 3}) {
+        const std::string start = mode == 3 ? "[unknown]1970-01-01 00:00:00|error|" : "error|";
+        const auto written = [=](const std::string &line) {
+            return mode == 3 ? line.substr(0, 1022) + "\n" : logged(3, line.substr(0, 1023));
+        };
+        std::string expected;
+        Capture out;
+        frwk_debug_enable(mode);
+        frwk_trace_set("error");
+        for (size_t total : {1021U, 1022U, 1023U, 1024U, 5000U}) {
+            const std::string message(total - start.size() - 8, 'm');
+            frwk_trace_print("f.c", "g", 1, FRWK_TRACE_ERROR, "%sz", message.c_str());
+            expected += written(start + "f.c|g|1::" + message + "z");
+        }
+        frwk_trace_print(longer.c_str(), longer.c_str(), 1, FRWK_TRACE_ERROR, "%s", longer.c_str());
+        EXPECT_EQ(expected + written(start + longer), out.text());
     }
-    EXPECT_EQ(expected, out.text()) << "literal, and no newline";
 }
 
 TEST(Assert, EndsTheProcessUnlessItHolds)

@@ -125,10 +125,10 @@ int main(int argc, char **argv)
     usleep(100000); // its start is over
     const int fds = count_fds(module.pid), threads = count_threads(module.pid);
 
-    const ReqHdr unread = {2, MSG_ECHO, 0, 1, 4000000, 0}; // more than a socket holds
+    const std::string unread = words({2, MSG_ECHO, 0, 1, 4000000, 0}); // more than a socket holds
     Process nuisances[3], clients[CLIENTS];
     nuisances[0].start([] { be_nuisance(&counts->silent, 100000, [] { return ""; }); });
-    nuisances[1].start([&] { be_nuisance(&counts->unread, 100000, [&] { return bytes_of(unread); }); });
+    nuisances[1].start([&] { be_nuisance(&counts->unread, 100000, [&] { return unread; }); });
     nuisances[2].start([] { be_nuisance(&counts->garbage, 1000, make_garbage); });
     std::minstd_rand random;
     const auto start_client = [&](Process &client) {
@@ -167,7 +167,7 @@ int main(int argc, char **argv)
     frwk_module_init(FRWK_MODULE_LOGTOOL, nullptr);
     const int alive = frwk_ipc_msg_set(FRWK_MODULE_QMUXD, FRWK_MSG_SYS_PING, nullptr, 0, 1, nullptr);
     long refused = 0, starved = 0;
-    for (const std::string &trace : traces_in(module.out())) {
+    for (const std::string &trace : lines_in(module.out())) {
         refused += contains(trace, "handle thread too many");
         starved += contains(trace, "errno=24");
     }

@@ -52,7 +52,7 @@ inline std::string outcome_of(const std::function<int()> &act)
     Capture out;
     const std::string result = std::to_string(act());
     frwk_debug_enable(0);
-    const Texts traces = traces_in(out.text(), "|$3");
+    const Texts traces = lines_in(out.text(), "|");
     return traces.empty() ? result : result + traces.back();
 }
 

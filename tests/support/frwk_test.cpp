@@ -86,16 +86,6 @@ bool wait_until(const std::function<bool()> &done, int ms)
     return true;
 }
 
-Texts split_lines(const std::string &text)
-{
-    Texts lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 bool contains(const std::string &text, const std::string &part)
 {
     return text.find(part) != std::string::npos;
@@ -146,16 +136,15 @@ bool emulated()
 
 // ---- traces
 
-Texts traces_in(const std::string &console, const char *form)
+Texts lines_in(const std::string &console, const char *form)
 {
-    static const std::regex line(R"(\[[^\]]*\].{19}\|([^|]*)\|[^|]*\|([^|]*)\|-?[0-9]+::(.*))"); // after the time
-    Texts traces;
-    for (const std::string &text : split_lines(console)) {
-        if (std::regex_match(text, line)) {
-            traces.push_back(std::regex_replace(text, line, form));
-        }
+    static const std::regex trace(R"(\[[^\]]*\].{19}\|([^|]*)\|[^|]*\|([^|]*)\|-?[0-9]+::)"); // after the time
+    Texts lines;
+    std::istringstream stream(console);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(std::regex_replace(line, trace, form, std::regex_constants::format_first_only));
     }
-    return traces;
+    return lines;
 }
 
 void trace_all()
@@ -170,7 +159,7 @@ Texts said(const std::function<void()> &body)
     Capture capture;
     body();
     frwk_debug_enable(0);
-    Texts traces = traces_in(capture.text(), "$1 $2: $3");
+    Texts traces = lines_in(capture.text(), "$1 $2: ");
     for (std::string &trace : traces) {
         trace.erase(0, trace.rfind("error ", 0) == 0 ? 6 : 0);
     }
@@ -201,9 +190,9 @@ std::string Capture::text()
     return contents(memory);
 }
 
-Texts Capture::messages()
+Texts Capture::lines()
 {
-    return traces_in(text());
+    return lines_in(text());
 }
 
 bool Capture::wait_for(const std::string &part)
@@ -217,7 +206,7 @@ std::string words(const std::vector<int64_t> &values)
 {
     std::string bytes;
     for (const int64_t value : values) {
-        bytes += bytes_of(static_cast<uint32_t>(value));
+        bytes.append(reinterpret_cast<const char *>(&value), 4); // the low half stands first
     }
     return bytes;
 }
@@ -345,46 +334,35 @@ Result run_child(const std::function<void()> &body, int seconds)
     return child.wait(seconds * 1000);
 }
 
-void expect_assertion(const Result &child, const std::string &module, const std::string &expression)
+std::string assertion(const std::string &module, const std::string &expression)
 {
-    EXPECT_TRUE(child.aborted()) << child;
-    std::smatch parts;
-    ASSERT_TRUE(std::regex_match(child.err, parts, std::regex("\\[(.*)\\]ASSERT\\([^|]+\\|[^|]+\\|[0-9]+\\), (.*)\n")))
-        << child;
-    EXPECT_EQ(module + ": " + expression, parts.str(1) + ": " + parts.str(2));
+    return "\\[" + module + "\\]ASSERT\\([^|]+\\|[^|]+\\|[0-9]+\\), " +
+           std::regex_replace(expression, std::regex("[()|.]"), "\\$&") + "\n$";
 }
 
 Module::Module(uint32_t id, const std::function<void()> &set_up, frwk_module_cb_t cb)
 {
-    int ends[2];
-    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends));
     start([&] {
-        close(ends[0]);
+        sigset_t end; // the signal to end, which waits until it is asked for
+        sigemptyset(&end);
+        sigaddset(&end, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &end, nullptr);
         setvbuf(stdout, nullptr, _IOLBF, 0);
-        if (frwk_module_init(id, cb) != FRWK_ERROR_SUCCESS) {
-            exit(1);
-        }
-        if (set_up) {
-            set_up();
-        }
-        char byte = 0;
-        raw_send(ends[1], "+");
-        while (read(ends[1], &byte, 1) < 0) { // again, if a signal ended it
-        }
+        EXPECT_EQ(FRWK_ERROR_SUCCESS, frwk_module_init(id, cb));
+        set_up();
+        raise(SIGSTOP); // is ready
+        sigwaitinfo(&end, nullptr);
     });
-    close(ends[1]);
-    line = ends[0];
-    ready = raw_recv(line, 1).size() == 1;
+    siginfo_t state = {};
+    EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &state, WSTOPPED | WEXITED | WNOWAIT));
+    EXPECT_EQ(CLD_STOPPED, state.si_code) << out() << err();
+    kill(pid, SIGCONT);
 }
 
 Module::~Module()
 {
-    shutdown(line, SHUT_RDWR); // other children hold copies
-    close(line);
-    if (pid > 0) {
-        const Result result = wait();
-        EXPECT_TRUE(result.ok()) << "a module process " << result;
-    }
+    const Result result = stop(SIGTERM);
+    EXPECT_TRUE(result.ok()) << "a module process " << result;
 }
 
 static const char release_file[] = "/tmp/release";

@@ -27,7 +27,6 @@ constexpr int DEADLINE_MS = 20000;
 
 int64_t now_ms(); // monotonic
 bool wait_until(const std::function<bool()> &done, int ms = DEADLINE_MS);
-Texts split_lines(const std::string &text);
 bool contains(const std::string &text, const std::string &part);
 
 std::string read_file(const std::string &path);                        // "" when it cannot be read
@@ -39,8 +38,8 @@ bool emulated(); // whether this process runs in qemu, which lacks memory limits
 
 // ---- traces
 
-// The trace lines in a console's text: level ($1), function ($2) and message ($3) in this form.
-Texts traces_in(const std::string &console, const char *form = "$1|$3");
+// The lines of a console's text: in place of what stands before a trace's message its level ($1) and function ($2).
+Texts lines_in(const std::string &console, const char *form = "$1|");
 
 void trace_all(); // of this process to its standard output, from now on
 
@@ -56,7 +55,7 @@ struct Capture {
     ~Capture();
 
     std::string text(); // all so far
-    Texts messages();   // the traces among it, "level|message"
+    Texts lines();      // a trace as "level|message"
     bool wait_for(const std::string &part);
 
     const int target, memory;
@@ -64,14 +63,6 @@ struct Capture {
 };
 
 // ---- raw peers on the wire
-
-using ReqHdr = frwk_ipc_reqhdr_t;
-using RspHdr = frwk_ipc_rsphdr_t;
-
-template <typename T> std::string bytes_of(const T &record)
-{
-    return std::string(reinterpret_cast<const char *>(&record), sizeof record);
-}
 
 std::string words(const std::vector<int64_t> &values); // of 32 bits, as they stand on the wire
 
@@ -117,17 +108,15 @@ struct Process {
 };
 Result run_child(const std::function<void()> &body, int seconds = 60);
 
-// The child has ended by an assertion of the library with this expression.
-void expect_assertion(const Result &child, const std::string &module, const std::string &expression);
+// What a death test finds where an assertion of the library ends the process.
+std::string assertion(const std::string &module, const std::string &expression);
 
 // A process that is a module: runs frwk_module_init(id, cb), then `set_up`, then waits. The constructor returns once it
-// is ready (or has failed), and the destructor ends it by exit(0) and expects that nothing was reported by then.
+// is ready, and the destructor ends it by exit(0) and expects that nothing was reported by then.
 struct Module : Process {
-    explicit Module(uint32_t id, const std::function<void()> &set_up = {}, frwk_module_cb_t cb = nullptr);
+    explicit Module(
+        uint32_t id, const std::function<void()> &set_up = [] {}, frwk_module_cb_t cb = nullptr);
     ~Module();
-
-    int line;   // closed to end it
-    bool ready; // frwk_module_init() gave 0 and `set_up` returned
 };
 
 // Messages of the handler that the tests' modules use.
