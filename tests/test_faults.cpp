@@ -27,9 +27,7 @@ const Row rows[] = {
     {{"recv", EIO}, ONCE}, {{"read", EIO}, ONCE}, {{"read", EINTR}, HARMLESS},
     {{"write", ENOSPC}, ONCE}, {{"write", EINTR}, ONCE}, {{"write", 0}, ONCE}, {{"open", EACCES}, ONCE},
     {{"open", EMFILE}, LASTING}, {{"fcntl", ENOLCK}, ONCE}, {{"flock", EINTR}, HARMLESS}, {{"flock", ENOLCK}, LASTING},
-    {{"fopen", EACCES}, ONCE}, {{"fopen", EINTR}, HARMLESS}, {{"fread", EIO}, LASTING}, {{"fread", EINTR}, HARMLESS},
-    {{"fwrite", ENOSPC}, ONCE}, {{"fflush", EIO}, ONCE}, {{"fclose", EIO}, ONCE}, {{"rename", EIO}, ONCE},
-    {{"remove", EIO}, ONCE}, {{"fsync", EIO}, ONCE}};
+    {{"fopen", EACCES}, ONCE}, {{"fopen", EINTR}, HARMLESS}, {{"fread", EIO}, LASTING}, {{"fread", EINTR}, HARMLESS}};
 // clang-format on
 
 struct Scenario {

@@ -1,8 +1,7 @@
 /* SPDX-FileCopyrightText: 2026 the libfrwk authors */
 /* SPDX-License-Identifier: MIT */
 
-// The start configuration on disk: default file, setters and the message to the monitor, query, the monitor's table;
-// shell commands.
+// The start configuration on disk: default file, setters and the message to the monitor, query, the monitor's table.
 #include "conf_test.h"
 
 #include <thread>
@@ -107,17 +106,6 @@ TEST(StartConf, QueryAndLoad)
     put(START, "<r><serial_bridge><monitor_service/><start_cmd/></serial_bridge></r>");
     frwk_init_app_start_cfg();
     EXPECT_EQ(nullptr, g_s_modules_info[FRWK_MODULE_SERIAL_BRIDGE].start_cmd);
-}
-
-TEST(System, ResultsAndMessages)
-{
-    const auto run = [](const char *cmd) { return call([=] { return frwk_system(cmd); }); };
-    EXPECT_EQ("0|frwk_system: shell cmd is null!", run(nullptr));
-    EXPECT_EQ("1|debug frwk_system: exec cmd 'true' success!", run("true"));
-    EXPECT_EQ("0|frwk_system: exec cmd 'exit 3' errno=3", run("exit 3"));
-    EXPECT_EQ("0|frwk_system: exec cmd 'kill -9 $$' errno=0", run("kill -9 $$"));
-    signal(SIGCHLD, SIG_IGN); // without children to wait for, the call itself fails
-    EXPECT_EQ("0|frwk_system: exec cmd exit 0 error!", run("exit 0"));
 }
 
 } // namespace

@@ -49,6 +49,8 @@ TEST(XmlWrite, Layout)
     b->parent = nullptr; // as a module may have left it
     b->depth = 3;
     EXPECT_EQ("<a>\n  <b>\n  <c>x</c>\n  </b>\n </a>\n", buffered(doc->root, 0).first);
+    std::string full = "<a>" + std::string(4088, 'x') + "</a>"; // just fills the first block of the buffer
+    EXPECT_EQ(full + "\n", buffered(Doc(frwk_xml_cache_parse(full.data()))->root, RAW).first);
 }
 
 TEST(XmlWrite, PartsAlone)
@@ -95,49 +97,6 @@ TEST(XmlWrite, BufferGrowsPieceByPiece)
         node->depth = depth;
         EXPECT_EQ(size, buffered(node, SPACES).second) << name << " " << values << " " << depth;
     }
-}
-
-// Texts of every length up to 300, which fills the buffer at every offset and grows it often.
-TEST(XmlSave, ReplacesTheFile)
-{
-    const std::string path = "/tmp/dir/a.xml";
-    std::string text = "<r>";
-    for (size_t i = 0; i < 300; i++) {
-        text += "<a b='" + std::string(i, 'x') + "&quot;'>" + std::string(i, 'y') + "&lt;\n</a>";
-    }
-    Doc doc(frwk_xml_cache_parse((text += "</r>").data()));
-    write_file(path + ".bak", "left over");
-    EXPECT_EQ(0, frwk_xml_file_save(doc.get(), path.c_str()));
-    EXPECT_EQ(0, frwk_xml_file_save(doc.get(), doc->file_name));
-    write_file(path, "old content");
-    EXPECT_EQ(0, frwk_xml_file_save(doc.get(), nullptr));
-    EXPECT_FALSE(exists(path + ".bak"));
-    EXPECT_EQ(buffered(doc->root, SPACES).first, read_file(path));
-    EXPECT_EQ(below(doc->root), below(Doc(frwk_xml_file_parse(path.c_str()))->root));
-    std::string full = "<a>" + std::string(4088, 'x') + "</a>"; // just fills the first block of the buffer
-    EXPECT_EQ(full + "\n", buffered(Doc(frwk_xml_cache_parse(full.data()))->root, RAW).first);
-}
-
-TEST(XmlSave, FailuresLeaveTheOldFile)
-{
-    const std::string path = "/tmp/" + std::string(497, '/') + "a.xml", too_long = path + "/"; // 507 and 508
-    Doc doc(frwk_xml_alloc_doc());
-    EXPECT_EQ((Texts{"frwk_xml_file_save: xml file name is null!", "frwk_xml_file_save: xml doc is null!",
-                     "frwk_xml_file_save: xml file name '" + too_long + "' is too long!",
-                     "frwk_xml_file_save: write xml '" + path + "' failed!",
-                     "frwk_xml_file_save: write xml '/tmp/new.xml' failed!"}),
-              said([&] {
-                  EXPECT_EQ(FRWK_ERROR_INVALID_PARAM, frwk_xml_file_save(doc.get(), nullptr));
-                  EXPECT_EQ(FRWK_ERROR_INVALID_PARAM, frwk_xml_file_save(nullptr, "/tmp/a.xml"));
-                  EXPECT_EQ(FRWK_ERROR_INVALID_PARAM, frwk_xml_file_save(doc.get(), too_long.c_str()));
-                  EXPECT_EQ(0, frwk_xml_file_save(doc.get(), path.c_str()));
-                  frwk_xml_node_append(doc->root, "r", "x");
-                  fault_after(1, {"fwrite", ENOSPC}, true);
-                  EXPECT_EQ(FRWK_ERROR_FILE_CREATE, frwk_xml_file_save(doc.get(), nullptr));
-                  EXPECT_EQ(FRWK_ERROR_FILE_CREATE, frwk_xml_file_save(doc.get(), "/tmp/new.xml"));
-              }));
-    EXPECT_TRUE(exists(path) && read_file(path).empty() && !exists("/tmp/a.xml.bak"));
-    EXPECT_FALSE(exists("/tmp/new.xml")); // where there was none, no piece of one either
 }
 
 } // namespace

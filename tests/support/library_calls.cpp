@@ -7,6 +7,7 @@
 #include <link.h>
 #include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/file.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
@@ -107,7 +108,7 @@ int time_of_day(timeval *now, void *)
 bool put_stand_ins()
 {
     LET_FAIL(access, flock, fflush, fopen, fstat, fsync, inotify_init1, linkat, lstat, read, remove, rename);
-    LET_FAIL(accept4, bind, connect, listen, poll, recv, setsockopt, socket);
+    LET_FAIL(accept4, bind, connect, listen, poll, recv, sem_wait, setsockopt, socket);
     replace_call(
         "sync", +[] { fails("sync"); }); // the machine's own would take its time
     replace_call("clock_gettime", monotonic_time);

@@ -25,7 +25,7 @@ std::string result_of(const Doc &doc)
 }
 
 // clang-format off
-TEST(XmlParse, Content)
+TEST(XmlSteps, Content)
 {
     const struct {
         std::string result;
@@ -89,37 +89,8 @@ TEST(XmlParse, Content)
 
 // clang-format on
 
-TEST(XmlParse, FilesHaveOneRoot)
-{
-    const std::string no_root = "Can't found valid xml root!", path = "/tmp/a.xml";
-    const std::pair<std::string, std::string> rows[] = {
-        {"", ""},
-        {std::string("\0<a/>", 5), "xml stream is null!"},
-        {"<a/><b/>", no_root},
-        {" \n<!-- a -->", no_root},
-        {"<a>\n<b></c>", "Error: line:2,status:4,cause:Opening and ending tag mismatch!"},
-        {"<a>x<b/>y</a>", "Error: line:1,status:1,cause:Malformed attribute definition!"},
-    };
-    const int fds = count_fds(getpid());
-    for (const auto &[text, message] : rows) {
-        write_file(path, text);
-        const Texts expected = {"frwk_xml_cache_parse: " + message,
-                                "frwk_xml_file_parse: parse xml '/tmp/a.xml' failed!"};
-        EXPECT_EQ(message.empty() ? Texts{"frwk_xml_file_parse: invalid xml '/tmp/a.xml'!"} : expected,
-                  said([&] { EXPECT_EQ(nullptr, frwk_xml_file_parse(path.c_str())); }));
-    }
-    EXPECT_EQ((Texts{"frwk_xml_file_parse: xml file is null!", "frwk_xml_file_parse: invalid xml '/tmp/none.xml'!"}),
-              said([] { EXPECT_TRUE(!frwk_xml_file_parse(nullptr) && !frwk_xml_file_parse("/tmp/none.xml")); }));
-    EXPECT_TRUE(frwk_xml_file_parse("/tmp") == nullptr && frwk_xml_cache_parse(nullptr) == nullptr);
-    write_file(path, "<?xml?><!D><!---->\n<a>x</a><!---->" + std::string("\0<b>", 4)); // a 0 ends the text
-    Doc doc(frwk_xml_file_parse(path.c_str()));
-    EXPECT_EQ("?xml'' !D'' #'' a'x' #''", below(doc->root));
-    EXPECT_TRUE(doc->line == 2 && doc->node_count == 5 && doc->file_name == path);
-    EXPECT_EQ(fds, count_fds(getpid()));
-}
-
 // Reads, writes and frees 100,000 levels on a stack that a call for each would exhaust.
-TEST(XmlParse, DepthIsLimitedByMemoryAlone)
+TEST(XmlSteps, DepthIsLimitedByMemoryAlone)
 {
     const size_t depth = 100000;
     pthread_attr_t attr;
@@ -142,7 +113,7 @@ TEST(XmlParse, DepthIsLimitedByMemoryAlone)
 }
 
 // A hundred times the text takes about a hundred times the work, not ten thousand times.
-TEST(XmlParse, WorkIsLinear)
+TEST(XmlSteps, WorkIsLinear)
 {
     if (SANITIZED) {
         GTEST_SKIP() << "their checked searches measure the rest of the text every time";
