@@ -73,6 +73,7 @@ TEST(Xml, FailuresLeaveTheOldFile)
                   EXPECT_EQ(FRWK_ERROR_FILE_CREATE, frwk_xml_file_save(doc.get(), nullptr));
                   EXPECT_EQ(FRWK_ERROR_FILE_CREATE, frwk_xml_file_save(doc.get(), "/tmp/new.xml"));
               }));
+    EXPECT_TRUE(no_more_faults());
     EXPECT_TRUE(exists(path) && read_file(path).empty() && !exists("/tmp/a.xml.bak"));
     EXPECT_FALSE(exists("/tmp/new.xml")); // where there was none, no piece of one either
 }
