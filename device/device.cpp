@@ -4,9 +4,11 @@
 #include "device.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 /*
  * A synchronous request has no time limit: it ends when the target answers or closes. So it runs on a thread of its
@@ -141,6 +143,22 @@ int device_request(uint32_t to, uint32_t msg, const void *req, int32_t req_len, 
 int device_ping(uint32_t id, int ms)
 {
     return device_request(id, FRWK_MSG_SYS_PING, nullptr, 0, nullptr, 0, ms, nullptr);
+}
+
+pid_t device_lock_holder(uint32_t id)
+{
+    char path[64];
+    snprintf(path, sizeof path, "/tmp/odm/lock/%s", frwk_module_name(id));
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    bool held = fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    close(fd);
+    return held ? lock.l_pid : 0;
 }
 
 const char *device_error(int rc)

@@ -9,6 +9,8 @@
 
 #include <frwk.h>
 
+#include <sys/types.h>
+
 /* Result of device_request() beside the library's: no answer came in time. */
 enum { DEVICE_ERROR_TIMEOUT = 100 };
 
@@ -24,5 +26,8 @@ int device_ping(uint32_t id, int ms);
 
 /* What a result of device_request() says about the module that was asked, such as "is not running". */
 const char *device_error(int rc);
+
+/* The process that holds a module's lock; 0 when it does not run. */
+pid_t device_lock_holder(uint32_t id);
 
 #endif

@@ -7,10 +7,10 @@
 #include "device.h"
 #include "json.h"
 #include "options.h"
+#include "watch.h"
 
 #include <ctype.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -21,23 +21,6 @@ enum { RSP_MAX = 1 << 20 };
 
 static bool s_json;
 static size_t s_rsp_size;
-
-/* The process that holds a module's lock; 0 when it does not run. */
-static pid_t lock_holder(uint32_t id)
-{
-    char path[64];
-    snprintf(path, sizeof path, "/tmp/odm/lock/%s", frwk_module_name(id));
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return 0;
-    }
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    bool held = fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
-    close(fd);
-    return held ? lock.l_pid : 0;
-}
 
 struct state_t {
     const frwk_module_info_t *row;
@@ -51,7 +34,7 @@ static state_t state_of(uint32_t id)
 {
     state_t state = {};
     state.row = &g_s_modules_info[id];
-    state.pid = lock_holder(id);
+    state.pid = device_lock_holder(id);
     state.answered = device_request(id, FRWK_MSG_SYS_STATUS, nullptr, 0, &state.status, sizeof state.status, DEADLINE,
                                     nullptr) == FRWK_ERROR_SUCCESS;
     state.running = state.answered ? "yes" : state.pid > 0 ? "silent" : "no";
@@ -293,6 +276,13 @@ static const device_command_t COMMANDS[] = {
      2, 5, send_message, SEND_OPTIONS, false},
     {"wait", "MODULE [SECONDS]", "waits until a module answers, 30 seconds if not told", 1, 2, wait_for, nullptr,
      false},
+    {"watch", "[MODULE]...",
+     "shows each request as it passes: who to whom, which message, how large, with which result, how long it took; "
+     "ends with a summary when interrupted. Without a module, all are watched",
+     0, FRWK_MODULE_MAX, watch_run, WATCH_OPTIONS, false},
+    {"capture", "FILE [MODULE]...",
+     "writes each request and each response to a pcapng file for Wireshark until interrupted; - is standard output", 1,
+     FRWK_MODULE_MAX, capture_run, CAPTURE_OPTIONS, false},
     {"reboot", "", "has the monitor stop all modules and start all over, itself included", 0, 0, reboot_device, nullptr,
      false},
     {"reset", "", "has the monitor start each module anew, one after the other", 0, 0, reset_services, nullptr, false},
