@@ -4,6 +4,7 @@
 /*
  * monitor_tool capture: requests and responses as the packets of a pcapng file. docs/capture.md describes them.
  */
+#include "device.h"
 #include "exchange.h"
 #include "messages.h"
 #include "pcapng.h"
@@ -37,13 +38,6 @@ const device_option_t CAPTURE_OPTIONS[] = {
      message_read_names},
     {},
 };
-
-static uint64_t read_clock(clockid_t clock)
-{
-    timespec now;
-    clock_gettime(clock, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-}
 
 static size_t put_u16(uint8_t *head, size_t at, uint32_t value)
 {
@@ -187,11 +181,11 @@ static void open_file(const char *path)
 int capture_run(int argc, char **argv)
 {
     open_file(argv[0]);
-    s_capture.start_clock = read_clock(CLOCK_REALTIME);
-    s_capture.start_uptime = read_clock(CLOCK_MONOTONIC);
+    s_capture.start_clock = device_clock(CLOCK_REALTIME);
+    s_capture.start_uptime = device_clock(CLOCK_MONOTONIC);
     const exchange_observer_t observer = {write_request, write_response, write_end, begin, is_over};
     exchange_count_t count = exchange_watch(argc - 1, argv + 1, FRAME_MAX, &observer);
-    uint64_t now = s_capture.start_clock + (read_clock(CLOCK_MONOTONIC) - s_capture.start_uptime);
+    uint64_t now = s_capture.start_clock + (device_clock(CLOCK_MONOTONIC) - s_capture.start_uptime);
     if (s_capture.fault == 0 && !pcapng_end(s_capture.fd, now, s_capture.exchanges, count.lost)) {
         s_capture.fault = errno;
     }

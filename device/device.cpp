@@ -145,6 +145,13 @@ int device_ping(uint32_t id, int ms)
     return device_request(id, FRWK_MSG_SYS_PING, nullptr, 0, nullptr, 0, ms, nullptr);
 }
 
+uint64_t device_clock(clockid_t clock)
+{
+    timespec now;
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
 pid_t device_lock_holder(uint32_t id)
 {
     char path[64];

@@ -9,6 +9,7 @@
 
 #include <frwk.h>
 
+#include <stdint.h>
 #include <sys/types.h>
 
 /* Result of device_request() beside the library's: no answer came in time. */
@@ -26,6 +27,9 @@ int device_ping(uint32_t id, int ms);
 
 /* What a result of device_request() says about the module that was asked, such as "is not running". */
 const char *device_error(int rc);
+
+/* A clock of clock_gettime(2), in nanoseconds. */
+uint64_t device_clock(clockid_t clock);
 
 /* The process that holds a module's lock; 0 when it does not run. */
 pid_t device_lock_holder(uint32_t id);

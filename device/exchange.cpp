@@ -13,6 +13,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,6 +22,7 @@ constexpr size_t NEWS_ROOM = 1024 * 1024;
 
 static struct {
     int relay;
+    int signals; /* -1 when one has come: the next ones change nothing */
     uint32_t modules;
     const exchange_observer_t *observer;
     exchange_t *buckets[BUCKETS];
@@ -32,8 +34,6 @@ static struct {
     size_t news_room;
     bool restored;
 } s_watch;
-
-static volatile sig_atomic_t s_interrupted;
 
 const char *exchange_fault(exchange_fault_t fault)
 {
@@ -174,7 +174,9 @@ static void take_end(const relay_record_t *record)
     if (exchange == nullptr) {
         return;
     }
-    if (!exchange->response.whole) {
+    if (!exchange->response.whole && record->len == RELAY_UNTOLD) {
+        s_watch.count.lost++;
+    } else if (!exchange->response.whole) {
         exchange->fault = record->len == RELAY_MODULE_AWAY     ? EXCHANGE_NO_MODULE
                           : !exchange->request.whole           ? EXCHANGE_NO_REQUEST
                           : record->len == RELAY_CLIENT_CLOSED ? EXCHANGE_GIVEN_UP
@@ -197,8 +199,16 @@ static void say(const char *module, const char *text)
     fprintf(stderr, "%s: %s %s\n", program_invocation_short_name, module, text);
 }
 
+static bool is_stopped()
+{
+    return s_watch.observer->stopped != nullptr && s_watch.observer->stopped();
+}
+
 static void take_record(const relay_record_t *record, const uint8_t *bytes)
 {
+    if (record->connection != 0 && is_stopped()) {
+        return; /* whoever wanted to see it has left */
+    }
     switch (record->kind) {
     case RELAY_REQUEST:
         take_request(open_exchange(record), record, bytes);
@@ -224,8 +234,9 @@ static void take_record(const relay_record_t *record, const uint8_t *bytes)
         s_watch.count.lost += record->len;
         break;
     case RELAY_FAILED:
-        device_fail(DEVICE_EXIT_FAILURE, "%s cannot be watched: %.*s", message_module(record->module),
-                    static_cast<int>(record->kept), reinterpret_cast<const char *>(bytes));
+        device_fail(DEVICE_EXIT_FAILURE, "%s cannot be watched: %.*s",
+                    record->module != 0 ? message_module(record->module) : "modules", static_cast<int>(record->kept),
+                    reinterpret_cast<const char *>(bytes));
     case RELAY_RESTORED:
         s_watch.restored = true;
         break;
@@ -262,11 +273,15 @@ static void take_news()
 /* Takes what has come; waits for it up to `ms` milliseconds, -1 for no limit. False when nothing came. */
 static bool wait_for_news(int ms)
 {
-    pollfd relay = {s_watch.relay, POLLIN, 0};
-    sigset_t none;
-    sigemptyset(&none);
-    timespec limit = {ms / 1000, ms % 1000 * 1000000L};
-    if (ppoll(&relay, 1, ms < 0 ? nullptr : &limit, &none) <= 0) {
+    pollfd sources[] = {{s_watch.relay, POLLIN, 0}, {s_watch.signals, POLLIN, 0}};
+    if (poll(sources, 2, ms) <= 0) {
+        return false;
+    }
+    if (sources[1].revents != 0) {
+        close(s_watch.signals);
+        s_watch.signals = -1;
+    }
+    if (sources[0].revents == 0) {
         return false;
     }
     if (s_watch.news_room - s_watch.news_len < NEWS_ROOM) {
@@ -294,24 +309,17 @@ static bool wait_for_news(int ms)
 /* --- the whole -----------------------------------------------------------------------------------------------------
  */
 
-static void note_interrupt(int)
+/* They are read as what the relay tells: while it tells without a pause, none would be delivered. */
+static int catch_signals()
 {
-    s_interrupted = 1;
-}
-
-/* They come only while there is nothing to do. */
-static void catch_signals()
-{
-    struct sigaction action = {};
     sigset_t caught;
-    action.sa_handler = note_interrupt;
     sigemptyset(&caught);
     static const int ENDING[] = {SIGINT, SIGTERM, SIGHUP};
     for (int number : ENDING) {
-        sigaction(number, &action, nullptr);
         sigaddset(&caught, number);
     }
     sigprocmask(SIG_BLOCK, &caught, nullptr);
+    return signalfd(-1, &caught, SFD_CLOEXEC);
 }
 
 static uint32_t chosen_modules(int count, char **names)
@@ -346,12 +354,12 @@ exchange_count_t exchange_watch(int count, char **names, size_t snap, const exch
     s_watch.observer = observer;
     s_watch.modules = chosen_modules(count, names);
     s_watch.named = count > 0;
-    catch_signals();
+    s_watch.signals = catch_signals();
     s_watch.relay = relay_start(s_watch.modules, snap);
     if (s_watch.relay < 0) {
         device_fail(DEVICE_EXIT_FAILURE, "cannot start the relay: %s", strerror(errno));
     }
-    while (!s_interrupted && !s_watch.restored && !(observer->stopped != nullptr && observer->stopped())) {
+    while (s_watch.signals >= 0 && !s_watch.restored && !is_stopped()) {
         wait_for_news(-1);
     }
     shutdown(s_watch.relay, SHUT_WR);

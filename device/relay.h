@@ -26,7 +26,12 @@ enum relay_kind_t {
     RELAY_RESTORED  /* all modules have their places back */
 };
 
-enum relay_end_t { RELAY_CLIENT_CLOSED, RELAY_MODULE_CLOSED, RELAY_MODULE_AWAY };
+enum relay_end_t {
+    RELAY_CLIENT_CLOSED,
+    RELAY_MODULE_CLOSED,
+    RELAY_MODULE_AWAY,
+    RELAY_UNTOLD /* not all that the connection brought was told */
+};
 
 /* A record, in host byte order. */
 struct relay_record_t {

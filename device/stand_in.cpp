@@ -260,7 +260,7 @@ void stand_in_leave(stand_in_t *place)
     }
 }
 
-stand_in_place_t stand_in_check(stand_in_t *place, int *old_listener)
+stand_in_place_t stand_in_check(stand_in_t *place)
 {
     struct stat file;
     if (!place->standing) {
@@ -269,7 +269,6 @@ stand_in_place_t stand_in_check(stand_in_t *place, int *old_listener)
     if (is_own(place, place->own) || !find(place->own, &file)) {
         return STAND_IN_KEPT;
     }
-    *old_listener = place->listener;
     place->listener = -1;
     place->standing = false;
     unlink(place->aside);

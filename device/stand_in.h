@@ -57,9 +57,9 @@ void stand_in_leave(stand_in_t *place);
 
 /*
  * Looks whether the place was taken. If so, the old socket of the module is gone, and the listener, which has no name
- * any more, is handed over: the caller closes it when nobody can be left who found it.
+ * any more, is the caller's: to be closed when nobody can be left who found it.
  */
-stand_in_place_t stand_in_check(stand_in_t *place, int *old_listener);
+stand_in_place_t stand_in_check(stand_in_t *place);
 
 /* The name by which the module can be reached now. */
 const char *stand_in_module_path(const stand_in_t *place);
