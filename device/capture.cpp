@@ -183,7 +183,8 @@ int capture_run(int argc, char **argv)
     open_file(argv[0]);
     s_capture.start_clock = device_clock(CLOCK_REALTIME);
     s_capture.start_uptime = device_clock(CLOCK_MONOTONIC);
-    const exchange_observer_t observer = {write_request, write_response, write_end, begin, is_over};
+    const exchange_observer_t observer = {write_request, write_response, write_end,
+                                          begin,         is_over,        s_capture.regular ? -1 : s_capture.fd};
     exchange_count_t count = exchange_watch(argc - 1, argv + 1, FRAME_MAX, &observer);
     uint64_t now = s_capture.start_clock + (device_clock(CLOCK_MONOTONIC) - s_capture.start_uptime);
     if (s_capture.fault == 0 && !pcapng_end(s_capture.fd, now, s_capture.exchanges, count.lost)) {

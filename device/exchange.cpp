@@ -25,6 +25,8 @@ static struct {
     int signals; /* -1 when one has come: the next ones change nothing */
     uint32_t modules;
     const exchange_observer_t *observer;
+    int out;
+    bool unread; /* whoever read what was written there has left */
     exchange_t *buckets[BUCKETS];
     exchange_count_t count;
     size_t open;
@@ -201,7 +203,7 @@ static void say(const char *module, const char *text)
 
 static bool is_stopped()
 {
-    return s_watch.observer->stopped != nullptr && s_watch.observer->stopped();
+    return s_watch.unread || (s_watch.observer->stopped != nullptr && s_watch.observer->stopped());
 }
 
 static void take_record(const relay_record_t *record, const uint8_t *bytes)
@@ -273,13 +275,17 @@ static void take_news()
 /* Takes what has come; waits for it up to `ms` milliseconds, -1 for no limit. False when nothing came. */
 static bool wait_for_news(int ms)
 {
-    pollfd sources[] = {{s_watch.relay, POLLIN, 0}, {s_watch.signals, POLLIN, 0}};
-    if (poll(sources, 2, ms) <= 0) {
+    pollfd sources[] = {{s_watch.relay, POLLIN, 0}, {s_watch.signals, POLLIN, 0}, {s_watch.out, 0, 0}};
+    if (poll(sources, sizeof sources / sizeof *sources, ms) <= 0) {
         return false;
     }
     if (sources[1].revents != 0) {
         close(s_watch.signals);
         s_watch.signals = -1;
+    }
+    if ((sources[2].revents & POLLERR) != 0) {
+        s_watch.out = -1;
+        s_watch.unread = true;
     }
     if (sources[0].revents == 0) {
         return false;
@@ -352,6 +358,7 @@ static void drop_all()
 exchange_count_t exchange_watch(int count, char **names, size_t snap, const exchange_observer_t *observer)
 {
     s_watch.observer = observer;
+    s_watch.out = observer->out;
     s_watch.modules = chosen_modules(count, names);
     s_watch.named = count > 0;
     s_watch.signals = catch_signals();

@@ -50,6 +50,7 @@ struct exchange_observer_t {
     void (*failed)(const exchange_t *exchange);   /* it ended with a fault */
     void (*turn)();                               /* all that had come is told: a time to flush */
     bool (*stopped)();                            /* asked before each wait: whether to end */
+    int out;                                      /* where it is written: ends when nobody reads; -1 for a file */
 };
 
 /* What came in all. */

@@ -28,15 +28,17 @@ constexpr size_t HELD_MAX = 1024 * 1024; /* of a request that is not whole, befo
 enum side_name_t { CLIENT, MODULE };
 
 /*
- * One end of a connection, and what was read there. The last byte that was read stays in the socket: when the
+ * One end of a connection, and what was read there. Where a frame is whole, its last byte stays in the socket: when the
  * other end resets the connection, closing with an unread byte resets it here as well. It is taken before an end in
- * order.
+ * order. Not sooner: the kernel counts a block of which one byte is left as a whole, and whoever has more to send might
+ * wait for room for ever.
  */
 struct side_t {
     source_t source;
     struct connection_t *connection;
-    bytes_t unsent; /* read here, not yet taken by the other side */
-    uint64_t seen;  /* bytes read here */
+    bytes_t unsent;                          /* read here, not yet taken by the other side */
+    uint64_t seen;                           /* bytes read here */
+    uint8_t head[sizeof(frwk_ipc_reqhdr_t)]; /* the first of them */
     bool byte_left;
     bool ended;      /* sends no more */
     bool gone;       /* has closed */
@@ -52,6 +54,7 @@ struct connection_t {
     bool told;  /* what it brings is told */
     bool known; /* something of it was */
     int64_t opened;
+    int to_module; /* until it is connected */
     side_t side[2];
 };
 
@@ -104,6 +107,9 @@ static void finish(connection_t *connection, relay_end_t end)
             uint8_t last;
             (void)!recv(side.source.fd, &last, 1, MSG_DONTWAIT);
         }
+    }
+    if (connection->to_module >= 0) {
+        close(connection->to_module);
     }
     for (side_t &side : connection->side) {
         source_close(&side.source);
@@ -161,7 +167,7 @@ static void pass_on(side_t *side)
     if (side->unsent.len > 0 && !other->gone) {
         return;
     }
-    if (side->ended && !side->passed_end) {
+    if (side->ended && !side->passed_end && !side->reset) { /* a reset must not look like an end first */
         side->passed_end = true;
         shutdown(other->source.fd, SHUT_WR);
     }
@@ -170,18 +176,22 @@ static void pass_on(side_t *side)
     }
 }
 
-/* Whether the client has sent its request as far as its header tells of it. */
+/* The length of the frame that is read on a side; 0 until its header is there. */
+static uint64_t frame_len(const side_t *side)
+{
+    const bool asks = name_of(side) == CLIENT;
+    const size_t size = asks ? sizeof(frwk_ipc_reqhdr_t) : sizeof(frwk_ipc_rsphdr_t);
+    int32_t body;
+    memcpy(&body, side->head + (asks ? offsetof(frwk_ipc_reqhdr_t, msg_len) : offsetof(frwk_ipc_rsphdr_t, msg_len)),
+           sizeof body);
+    return side->seen < size ? 0 : size + static_cast<uint64_t>(body > 0 ? body : 0);
+}
+
+/* Whether the client has sent its request, or so much of it that the module must take some. */
 static bool is_whole(const side_t *client)
 {
-    frwk_ipc_reqhdr_t header;
-    if (client->ended || client->unsent.len >= HELD_MAX) {
-        return true;
-    }
-    if (client->unsent.len < sizeof header) {
-        return false;
-    }
-    memcpy(&header, client->unsent.data, sizeof header);
-    return header.msg_len <= 0 || client->unsent.len - sizeof header >= static_cast<size_t>(header.msg_len);
+    uint64_t len = frame_len(client);
+    return client->ended || client->unsent.len >= HELD_MAX || (len > 0 && client->seen >= len);
 }
 
 static void read_on(side_t *side);
@@ -198,18 +208,18 @@ static bool connect_module(connection_t *connection, int64_t now)
     if (!is_whole(client) && now - connection->opened < FRAME_PATIENCE) {
         return false;
     }
-    int fd = stand_in_connect(place_module_path(connection->place));
-    if (fd < 0 && (errno == EAGAIN || errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
-        return false;
-    }
-    if (fd < 0) {
+    if (!stand_in_connect(connection->to_module, place_module_path(connection->place))) {
+        if (errno == EAGAIN) {
+            return false;
+        }
         finish(connection, RELAY_MODULE_AWAY);
         place_is_dead(connection->place);
         return true;
     }
     frwk_list_del(&connection->node);
     frwk_list_add(&s_relayed, &connection->node);
-    source_watch(&module->source, fd, events_of(false), serve_side);
+    source_watch(&module->source, connection->to_module, events_of(false), serve_side);
+    connection->to_module = -1;
     bool more = client->unsent.len >= HELD_MAX;
     pass_on(client);
     if (more) {
@@ -242,11 +252,15 @@ static bool read_once(connection_t *connection, side_t *side)
         return false;
     }
     const uint8_t *bytes = s_chunk + known;
-    if (got > 1) {
-        (void)!recv(side->source.fd, s_chunk, static_cast<size_t>(got) - 1, MSG_DONTWAIT); /* the same bytes again */
+    for (size_t i = 0; i < len && side->seen + i < sizeof side->head; i++) {
+        side->head[side->seen + i] = bytes[i];
     }
-    side->byte_left = true;
     tell_bytes(connection, name_of(side), bytes, len);
+    side->byte_left = side->seen == frame_len(side);
+    size_t taken = static_cast<size_t>(got) - (side->byte_left ? 1 : 0);
+    if (taken > 0) {
+        (void)!recv(side->source.fd, s_chunk, taken, MSG_DONTWAIT); /* the same bytes again */
+    }
     size_t sent = other->source.fd < 0 || side->unsent.len > 0 ? 0 : write_to(other, bytes, len);
     if (sent < len && !bytes_append(&side->unsent, bytes + sent, len - sent)) {
         side->ended = side->gone = side->reset = true; /* out of memory: better an end than a gap */
@@ -255,8 +269,8 @@ static bool read_once(connection_t *connection, side_t *side)
     return true;
 }
 
-/* Reads a side until there is no more, or the other side does not keep up. */
-static void read_side(side_t *side, uint32_t events)
+/* Reads a side until there is no more, which is true, or the other side does not keep up. */
+static bool read_side(side_t *side, uint32_t events)
 {
     connection_t *connection = side->connection;
     if ((events & EPOLLERR) != 0) {
@@ -274,18 +288,28 @@ static void read_side(side_t *side, uint32_t events)
         side->ended = true;
         side->gone = side->gone || (events & EPOLLHUP) != 0;
     }
+    return empty;
+}
+
+/* Reads a side and passes on what came. Events come once: it goes on until one of the two sides has to be waited for.
+ */
+static void relay_side(side_t *side, uint32_t events)
+{
+    bool empty = false;
+    while (!empty && !is_finished(side->connection) && side->unsent.len == 0) {
+        empty = read_side(side, events);
+        pass_on(side);
+    }
 }
 
 /* Reads what came while the other side did not keep up. Events that told of it are gone, so the socket is asked. */
 static void read_on(side_t *side)
 {
-    if (is_finished(side->connection) || side->unsent.len > 0) {
-        return;
+    if (!is_finished(side->connection) && side->unsent.len == 0) {
+        struct pollfd state = {side->source.fd, POLLIN | POLLRDHUP, 0};
+        poll(&state, 1, 0);
+        relay_side(side, static_cast<uint32_t>(state.revents));
     }
-    struct pollfd state = {side->source.fd, POLLIN | POLLRDHUP, 0};
-    poll(&state, 1, 0);
-    read_side(side, static_cast<uint32_t>(state.revents));
-    pass_on(side);
 }
 
 static void serve_side(source_t *source, uint32_t events)
@@ -293,22 +317,16 @@ static void serve_side(source_t *source, uint32_t events)
     side_t *side = frwk_list_entry(source, side_t, source);
     connection_t *connection = side->connection;
     side_t *other = other_side(side);
-    if (is_finished(connection)) {
+    if (connection->side[MODULE].source.fd < 0) {
+        read_side(side, events);
+        connect_module(connection, relay_now());
         return;
     }
     if ((events & EPOLLOUT) != 0 && other->unsent.len > 0) {
         pass_on(other);
         read_on(other);
     }
-    if (is_finished(connection)) {
-        return;
-    }
-    read_side(side, events);
-    if (connection->side[MODULE].source.fd >= 0) {
-        pass_on(side);
-    } else {
-        connect_module(connection, relay_now());
-    }
+    relay_side(side, events);
 }
 
 /* --- all of them ------------------------------------------------------------------------------------------------ */
@@ -321,13 +339,15 @@ void connections_open(size_t snap)
     frwk_list_init(&s_finished);
 }
 
-void connection_accept(uint32_t id, int fd)
+void connection_accept(uint32_t id, int client, int module)
 {
     connection_t *connection = static_cast<connection_t *>(calloc(1, sizeof *connection));
     if (connection == nullptr) {
-        close(fd);
+        close(client);
+        close(module);
         return;
     }
+    connection->to_module = module;
     connection->number = ++s_numbered;
     connection->place = id;
     connection->told = true;
@@ -337,7 +357,7 @@ void connection_accept(uint32_t id, int fd)
         side.source.fd = -1;
     }
     frwk_list_add(&s_waiting, &connection->node);
-    source_watch(&connection->side[CLIENT].source, fd, events_of(false), serve_side);
+    source_watch(&connection->side[CLIENT].source, client, events_of(false), serve_side);
 }
 
 int connections_look()

@@ -86,8 +86,8 @@ void place_is_dead(uint32_t id);
 /* Of what a connection brings in one direction, the first `snap` bytes are told. */
 void connections_open(size_t snap);
 
-/* Passes on a client's connection, which is `fd`. */
-void connection_accept(uint32_t id, int fd);
+/* Passes on a client's connection by a socket of stand_in_socket(). */
+void connection_accept(uint32_t id, int client, int module);
 
 /* Connects those modules whose time has come. @return milliseconds until the next; -1 for none */
 int connections_look();

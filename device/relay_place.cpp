@@ -19,7 +19,7 @@
 /* Milliseconds. */
 enum {
     LOCK_PATIENCE = 3000, /* for another relay that leaves */
-    LATE_CLIENTS = 2000,  /* for clients that found a stand-in just before it left */
+    LATE_CLIENTS = 1000,  /* for clients that found a stand-in just before it left */
     NO_DESCRIPTOR_PAUSE = 10,
     LOOK_PERIOD = 20,       /* for a socket that is there but not listened on, while something has just changed */
     LOOK_PERIOD_IDLE = 500, /* the same later on */
@@ -47,6 +47,7 @@ static struct {
     place_t places[FRWK_MODULE_MAX];
     listener_t late[LATE_MAX]; /* without a name */
     source_t directory;
+    int spare;       /* a socket for the next client's module; -1 */
     int64_t changed; /* when something last happened there */
     int64_t looked;
     int64_t left; /* when the places were given back; 0 before */
@@ -59,12 +60,21 @@ const char *place_module_path(uint32_t id)
 
 /* --- listeners ------------------------------------------------------------------------------------------------- */
 
+/*
+ * Every client needs a second descriptor, for the module. It is had first: clients that are taken with the last ones
+ * would wait for each other.
+ */
 static void accept_all(const listener_t *listener)
 {
     for (;;) {
-        int fd = accept4(listener->source.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (fd >= 0) {
-            connection_accept(listener->id, fd);
+        if (s_here.spare < 0) {
+            s_here.spare = stand_in_socket();
+        }
+        int client =
+            s_here.spare >= 0 ? accept4(listener->source.fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK) : -1;
+        if (client >= 0) {
+            connection_accept(listener->id, client, s_here.spare);
+            s_here.spare = -1;
         } else if (errno == EMFILE || errno == ENFILE) {
             frwk_sleep(NO_DESCRIPTOR_PAUSE); /* they stay queued: do not spin on them */
             return;
@@ -225,6 +235,7 @@ void places_open(uint32_t modules)
     for (listener_t &late : s_here.late) {
         late.source.fd = -1;
     }
+    s_here.spare = -1;
     for (uint32_t id = 1; id < FRWK_MODULE_MAX; id++) {
         place_t *place = &s_here.places[id];
         if ((modules & 1u << id) != 0) {

@@ -43,20 +43,15 @@ static struct sockaddr_un address_of(const char *path)
     return address;
 }
 
-int stand_in_connect(const char *path)
+int stand_in_socket()
 {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
-        return -1;
-    }
+    return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+}
+
+bool stand_in_connect(int fd, const char *path)
+{
     struct sockaddr_un address = address_of(path);
-    if (connect(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) != 0) {
-        int cause = errno;
-        close(fd);
-        errno = cause;
-        return -1;
-    }
-    return fd;
+    return connect(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) == 0;
 }
 
 /*
@@ -65,9 +60,15 @@ int stand_in_connect(const char *path)
  */
 static bool is_listening(const char *path, int *probe)
 {
-    *probe = stand_in_connect(path);
+    *probe = stand_in_socket();
     if (*probe < 0) {
-        return errno == EAGAIN;
+        return false;
+    }
+    if (!stand_in_connect(*probe, path)) {
+        bool full = errno == EAGAIN;
+        close(*probe);
+        *probe = -1;
+        return full;
     }
     frwk_ipc_reqhdr_t ping = {FRWK_MODULE_MONITOR_TOOL, FRWK_MSG_SYS_PING, 0, 0, 0, 0};
     (void)!send(*probe, &ping, sizeof ping, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -180,7 +181,7 @@ void stand_in_close(stand_in_t *place)
 /* Makes the stand-in, beside the module's place. */
 static const char *make_listener(stand_in_t *place)
 {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int fd = stand_in_socket();
     if (fd < 0) {
         return strerror(errno);
     }

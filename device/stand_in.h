@@ -64,7 +64,10 @@ stand_in_place_t stand_in_check(stand_in_t *place);
 /* The name by which the module can be reached now. */
 const char *stand_in_module_path(const stand_in_t *place);
 
-/* A connection that is made at once: a socket; -1 with errno, EAGAIN when the module has a full queue. */
-int stand_in_connect(const char *path);
+/* A socket for stand_in_connect(); -1 with errno. */
+int stand_in_socket();
+
+/* Connects a socket at once; false with errno, EAGAIN when the module has a full queue: to be tried again. */
+bool stand_in_connect(int fd, const char *path);
 
 #endif

@@ -16,6 +16,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 enum { BYTES_SHOWN = 65536 };
 
@@ -79,8 +80,14 @@ static void show_bytes(const char *mark, const frame_t *frame, size_t header)
     }
 }
 
+/* Not before the first line: what is said of a wrong command line comes alone. */
 static void show_head()
 {
+    static bool shown;
+    if (shown) {
+        return;
+    }
+    shown = true;
     printf("%-15s  %-13s    %-13s %-20s %-5s %7s %7s  %-13s %10s\n", "time", "sender", "receiver", "message", "kind",
            "request", "answer", "result", "ms");
 }
@@ -117,6 +124,7 @@ static void show_line(const exchange_t *exchange)
         snprintf(took, sizeof took, "%.3f", static_cast<double>(duration_of(exchange)) / 1e6);
         snprintf(answer, sizeof answer, "%zu", exchange_body(&exchange->response, sizeof exchange->answered));
     }
+    show_head();
     bool painted = s_coloured && is_failure(exchange);
     fputs(painted ? "\033[31m" : "", stdout);
     show_time(exchange->request.clock);
@@ -238,11 +246,7 @@ static bool is_unread()
 int watch_run(int argc, char **argv)
 {
     s_coloured = device_terminal() && !s_json;
-    if (!s_json) {
-        show_head();
-        fflush(stdout);
-    }
-    const exchange_observer_t observer = {nullptr, show, show, flush_turn, is_unread};
+    const exchange_observer_t observer = {nullptr, show, show, flush_turn, is_unread, STDOUT_FILENO};
     exchange_count_t count =
         exchange_watch(argc, argv, s_bytes ? size_t{BYTES_SHOWN} : sizeof(frwk_ipc_reqhdr_t), &observer);
     if (!s_json) {
