@@ -5,16 +5,18 @@
 # Runs a device made of device/ and the examples and prints what it does. tools/demo builds the programs and calls this in a private copy of
 # the device's paths. Exits with 1 when an answer was wrong.
 #
-#   demo.sh [--keep | --running] [--log FILE]
+#   demo.sh [--keep | --running] [--log FILE] [--capture FILE]
 #
-#   --keep      opens a shell beside the running device before it is stopped
-#   --log FILE  leaves the system log there
-#   --running   runs on a device whose init has started the system log and keeps the monitor running (tools/device)
+#   --keep          opens a shell beside the running device before it is stopped
+#   --log FILE      leaves the system log there
+#   --capture FILE  leaves the requests between the modules there, for Wireshark and frwk-chart
+#   --running       runs on a device whose init has started the system log and keeps the monitor running (tools/device)
 set -u
 
 keep=
 kept_log=
 running=
+capture=
 while [ $# -gt 0 ]; do
     case $#,$1 in
     *,--keep) keep=yes ;;
@@ -23,8 +25,12 @@ while [ $# -gt 0 ]; do
         kept_log=$2
         shift
         ;;
+    [!1],--capture)
+        capture=$2
+        shift
+        ;;
     *)
-        echo "usage: demo.sh [--keep | --running] [--log FILE]" >&2
+        echo "usage: demo.sh [--keep | --running] [--log FILE] [--capture FILE]" >&2
         exit 2
         ;;
     esac
@@ -178,6 +184,13 @@ else
 fi
 logtool follow "$log" >"$work/followed" &
 started+=($!)
+if [ -n "$capture" ]; then
+    monitor_tool wait monitor
+    monitor_tool capture --names "$(dirname "$0")/messages" "$capture" 2>"$work/captured" &
+    capturing=$!
+    started+=("$capturing")
+    check "the monitor's requests should be captured" within 10 grep -q '^monitor_tool: monitor is being watched' "$work/captured"
+fi
 for module in monitor atfwd_daemon serial_bridge qmuxd; do
     run monitor_tool wait $module
 done
@@ -252,6 +265,11 @@ tail -n 25 "$work/followed"
 check "the mark should be there" grep -q 'qmuxd.*mark of module 2: demo' "$work/followed"
 check "the report should be there" grep -q 'serial_bridge.*report: ' "$work/followed"
 
+if [ -n "$capture" ]; then
+    run kill -INT "$capturing"
+    check "the capture should be whole" wait "$capturing"
+    tail -n 1 "$work/captured"
+fi
 if [ -n "$running" ]; then
     title "The monitor ends, and init starts it anew"
     run kill -TERM "$monitor"
