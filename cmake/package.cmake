@@ -44,8 +44,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONFLICTS logtool) # another program of that name, at the same place
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/debian/conffiles CONTENT "/etc/lnav/formats/frwk/frwk_log.json\n")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/debian/conffiles)
-set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "bash-completion, lnav")
-set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${long_description}This package holds the monitor, which starts and watches the daemons of a\ndevice, and the tools that look after them, monitor_tool and logtool, with\ntheir manual pages, completion for bash, and a format for lnav.")
+set(CPACK_DEBIAN_TOOLS_PACKAGE_RECOMMENDS python3) # for frwk-chart
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS "bash-completion, lnav, tshark | wireshark")
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "${long_description}This package holds the monitor, which starts and watches the daemons of a\ndevice, and the tools that look after them, monitor_tool and logtool, with\ntheir manual pages, completion for bash, a format for lnav and a dissector\nfor Wireshark, and frwk-chart, which pictures what was captured.")
 
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_NAME frwk-examples)
 set(CPACK_DEBIAN_EXAMPLES_PACKAGE_SECTION misc)

@@ -27,7 +27,7 @@ do_install:append() {
 
 # The first package that names a file has it.
 PACKAGES =+ "${PN}-tools ${PN}-examples"
-FILES:${PN}-tools = "${bindir}/logtool ${bindir}/monitor_tool ${libexecdir}/frwk/monitor ${sysconfdir}/lnav/formats/frwk/frwk_log.json"
+FILES:${PN}-tools = "${bindir}/frwk-chart ${bindir}/logtool ${bindir}/monitor_tool ${libexecdir}/frwk/monitor ${sysconfdir}/lnav/formats/frwk/frwk_log.json ${libdir}/wireshark/plugins/frwk.lua"
 FILES:${PN}-examples = "${libexecdir}/frwk ${docdir}/frwk-examples"
 
 # Of the same version: the library and the programs agree on the table of modules.
@@ -35,6 +35,8 @@ RDEPENDS:${PN}-tools += "${PN} (= ${EXTENDPKGV})"
 RDEPENDS:${PN}-examples += "${PN}-tools (= ${EXTENDPKGV})"
 RDEPENDS:${PN}-ptest += "${PN}-tools (= ${EXTENDPKGV}) bash busybox coreutils grep sed util-linux python3-core python3-json \
                          python3-terminal python3-unittest"
+# frwk-chart runs where the captures are looked at, mostly a desk; the device needs no Python for it.
+RSUGGESTS:${PN}-tools += "python3-core python3-datetime python3-json python3-math python3-statistics"
 RSUGGESTS:${PN}-examples += "python3-core"
 
 # The C library loads libgcc_s by itself when a thread is cancelled; no binary names it.
