@@ -100,7 +100,8 @@ if(FRWK_BUILD_EXAMPLES)
         COMPONENT examples EXCLUDE_FROM_ALL)
     install(PROGRAMS examples/peer.py DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/frwk
         COMPONENT examples EXCLUDE_FROM_ALL)
-    file(GLOB example_sources CONFIGURE_DEPENDS examples/*.c examples/*.cpp examples/*.h examples/CMakeLists.txt)
+    file(GLOB example_sources CONFIGURE_DEPENDS examples/*.c examples/*.cpp examples/*.h examples/CMakeLists.txt
+        examples/messages)
     install(FILES ${example_sources}
         DESTINATION share/doc/frwk-examples/examples COMPONENT examples EXCLUDE_FROM_ALL)
 endif()

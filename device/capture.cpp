@@ -2,7 +2,7 @@
 /* SPDX-License-Identifier: MIT */
 
 /*
- * monitor_tool capture: requests and responses as the packets of a pcapng file. docs/capture.md describes them.
+ * monitor_tool capture: requests and responses as the packets of a pcapng file. docs/operators.md describes them.
  */
 #include "device.h"
 #include "exchange.h"

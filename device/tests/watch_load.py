@@ -4,13 +4,14 @@
 """Requests under way while monitor_tool watches, and stops watching in every way that a process can end.
 
     tools/sandbox python3 device/tests/watch_load.py [REQUESTS] [THREADS]    while it comes and goes; 100,000, 6 threads
-    tools/sandbox python3 device/tests/watch_load.py cost [SECONDS]          requests a second with it and without
+    tools/sandbox python3 device/tests/watch_load.py cost [ROUNDS]           requests a second with it and without
 """
 import glob
 import json
 import os
 import random
 import signal
+import statistics
 import subprocess
 import sys
 import tempfile
@@ -113,35 +114,37 @@ def come_and_go(requests, threads, seed=None):
     return result, counts
 
 
-def measure(load, seconds):
-    """Requests a second of four clients, the median of some rounds."""
-    rates = []
-    while len(rates) < seconds:
-        clients = load.ask(8000, 4, "plain")
-        rates.append(json.loads(clients.communicate()[0])["per_second"])
-    return sorted(rates)[len(rates) // 2]
+def measure(load):
+    """Requests a second of four clients."""
+    return json.loads(load.ask(8000, 4, "plain").communicate()[0])["per_second"]
 
 
-def cost(seconds):
-    load = Load(8000 * seconds * 8)
+def cost(rounds):
+    """Turn about, so that what else the machine does falls on all alike."""
+    ways = {"without": None, "watch": ("watch", "--json"), "capture": ("capture", "-")}
+    rates = {name: [] for name in ways}
+    load = Load(8000 * rounds * len(ways))
     try:
-        for _ in range(2):
-            print("without: %6.0f requests a second" % measure(load, seconds))
-            for args in (("watch", "--json"), ("capture", "-")):
-                with open(os.devnull, "wb") as sink:
-                    tool = subprocess.Popen(command("monitor_tool", *args, "dial_test"), stdout=sink,
-                                            stderr=subprocess.PIPE, text=True)
-                    tool.stderr.readline()
-                    print("%-8s %6.0f requests a second" % (args[0] + ":", measure(load, seconds)))
-                    tool.send_signal(signal.SIGINT)
-                    tool.communicate()
+        for _ in range(rounds):
+            for name, args in ways.items():
+                if args is None:
+                    rates[name].append(measure(load))
+                    continue
+                tool = subprocess.Popen(command("monitor_tool", *args, "dial_test"), stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.PIPE, text=True)
+                tool.stderr.readline()
+                rates[name].append(measure(load))
+                tool.send_signal(signal.SIGINT)
+                tool.communicate()
     finally:
         load.end()
+    for name, found in rates.items():
+        print("%-8s %6.0f requests a second (median of %d rounds)" % (name, statistics.median(found), rounds))
 
 
 def main():
     if sys.argv[1:2] == ["cost"]:
-        cost(int(sys.argv[2]) if len(sys.argv) > 2 else 5)
+        cost(int(sys.argv[2]) if len(sys.argv) > 2 else 15)
         return
     requests = int(sys.argv[1]) if len(sys.argv) > 1 else 100000
     threads = int(sys.argv[2]) if len(sys.argv) > 2 else 6

@@ -4,7 +4,7 @@
 -- Dissects what `monitor_tool capture` writes: the requests between the modules of a device, and the responses.
 --
 -- Wireshark loads it from its directory of plug-ins (Help, About, Folders), or by: wireshark -X lua_script:frwk.lua
--- docs/capture.md describes the packets. Captures have the link type USER0, which others may use as well: a packet that
+-- docs/operators.md describes the packets. Captures have the link type USER0, which others may use as well: a packet that
 -- is none of these is left alone.
 
 local frwk = Proto("frwk", "Messages between modules (libfrwk)")
