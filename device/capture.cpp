@@ -53,10 +53,12 @@ static size_t put_u32(uint8_t *head, size_t at, uint32_t value)
 
 static size_t put_text(uint8_t *head, size_t at, const char *text)
 {
-    size_t len = text != nullptr && *text != '?' ? strlen(text) : 0;
-    len = len < UINT8_MAX / 4 ? len : UINT8_MAX / 4;
+    enum { TEXT_MAX = UINT8_MAX / 4 };
+    size_t len = 0;
+    for (; text != nullptr && *text != '?' && text[len] != '\0' && len < TEXT_MAX; len++) {
+        head[at + 1 + len] = static_cast<uint8_t>(text[len]);
+    }
     head[at] = static_cast<uint8_t>(len);
-    memcpy(head + at + 1, text, len);
     return at + 1 + len;
 }
 

@@ -18,7 +18,7 @@
 #include <unistd.h>
 
 enum { BUCKETS = 4096, LAST_ANSWERS = 200 /* milliseconds for answers that are under way at the end */ };
-constexpr size_t NEWS_ROOM = 1024 * 1024;
+constexpr size_t NEWS_ROOM = size_t{1} << 20;
 
 static struct {
     int relay;

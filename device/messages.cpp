@@ -136,7 +136,7 @@ static const char *read_line(char *line)
     if (s_count == NAMES_MAX) {
         return "too many names";
     }
-    strcpy(name.name, text);
+    snprintf(name.name, sizeof name.name, "%s", text);
     s_names[s_count++] = name;
     return nullptr;
 }
@@ -148,6 +148,7 @@ void message_read_names(const char *path)
         device_fail(DEVICE_EXIT_FAILURE, "cannot read %s: %s", path, strerror(errno));
     }
     char line[256];
+    /* cppcheck-suppress nullPointerRedundantCheck ; device_fail() does not return */
     for (int number = 1; fgets(line, sizeof line, file) != nullptr; number++) {
         bool whole = strchr(line, '\n') != nullptr || feof(file);
         const char *fault = whole ? read_line(line) : "the line is too long";

@@ -29,8 +29,8 @@ static void put(block_t *block, const void *data, size_t len)
     if (block->len + len > block->room) {
         size_t room = (block->len + len) * 2;
         uint8_t *grown = static_cast<uint8_t *>(realloc(block->bytes, room));
-        block->failed = grown == nullptr;
-        if (block->failed) {
+        if (grown == nullptr) {
+            block->failed = true;
             return;
         }
         block->bytes = grown;

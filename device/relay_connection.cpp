@@ -22,8 +22,8 @@ enum {
     RETRY_PERIOD = 1     /* while the module's queue of connections is full */
 };
 
-constexpr size_t CHUNK = 256 * 1024;     /* read at once */
-constexpr size_t HELD_MAX = 1024 * 1024; /* of a request that is not whole, before the module is connected */
+constexpr size_t CHUNK = size_t{1} << 18;    /* read at once */
+constexpr size_t HELD_MAX = size_t{1} << 20; /* of a request that is not whole, before the module is connected */
 
 enum side_name_t { CLIENT, MODULE };
 

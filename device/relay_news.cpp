@@ -15,7 +15,7 @@
 #include <time.h>
 
 /* Beyond the first no connection more is told, beyond the second nothing more of those that have begun. */
-constexpr size_t UNTOLD_MAX = 4 * 1024 * 1024;
+constexpr size_t UNTOLD_MAX = size_t{1} << 22;
 constexpr size_t UNTOLD_LIMIT = 2 * UNTOLD_MAX;
 enum { SOCKET_ROOM = 1024 * 1024 };
 

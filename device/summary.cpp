@@ -12,6 +12,7 @@
  * middle at most 1/128 away.
  */
 enum { STEP_BITS = 6, STEPS = 1 << STEP_BITS, DOUBLINGS = 64 - STEP_BITS, ROWS_MAX = 4096 };
+constexpr size_t STEPS_ALL = size_t{DOUBLINGS + 1} * STEPS;
 
 static summary_row_t *s_rows;
 static size_t s_count;
@@ -44,11 +45,12 @@ static summary_row_t *row_of(uint32_t to, uint32_t msg)
         }
     }
     summary_row_t *grown = static_cast<summary_row_t *>(realloc(s_rows, (s_count + 1) * sizeof *s_rows));
-    uint32_t *durations = static_cast<uint32_t *>(calloc((DOUBLINGS + 1) * STEPS, sizeof *durations));
+    uint32_t *durations = static_cast<uint32_t *>(calloc(STEPS_ALL, sizeof *durations));
     if (grown == nullptr || durations == nullptr) {
         device_fail(DEVICE_EXIT_FAILURE, "memory is short");
     }
     s_rows = grown;
+    /* cppcheck-suppress nullPointerRedundantCheck ; device_fail() does not return */
     s_rows[s_count] = {to, msg, 0, 0, 0, durations};
     return &s_rows[s_count++];
 }
@@ -88,7 +90,7 @@ double summary_quantile(const summary_row_t *row, double share)
 {
     uint64_t wanted = static_cast<uint64_t>(share * static_cast<double>(row->answers) + 0.999999);
     uint64_t seen = 0;
-    for (size_t step = 0; step < (DOUBLINGS + 1) * STEPS && row->answers > 0; step++) {
+    for (size_t step = 0; step < STEPS_ALL && row->answers > 0; step++) {
         seen += row->durations[step];
         if (seen >= wanted && seen > 0) {
             return value_of(step);

@@ -57,7 +57,7 @@ class Manners(DeviceTest):
     def test_misuse(self):
         for name in NAMES:
             self.assert_misuse(run(name, "--nonsense"), "--nonsense", name + " --help")
-            self.assert_misuse(run(name, "-x"), "-x")
+            self.assert_misuse(run(name, "-z"), "-z")
             self.assert_misuse(run(name, "--help=yes"), "--help")
             self.assert_misuse(run(name, "nonsense"), "nonsense")
         for name in NAMES[1:]:
