@@ -62,7 +62,7 @@ class Manners(DeviceTest):
             self.assert_misuse(run(name, "nonsense"), "nonsense")
         for name in NAMES[1:]:
             for each in commands_of(name):
-                self.assert_misuse(run(name, each, *["1"] * 9), each)
+                self.assert_misuse(run(name, each, *["1"] * 12), each)
         self.assert_misuse(run("monitor_tool"), "command")
         self.assert_misuse(run("monitor_tool", "wait"), "wait")
         self.assert_misuse(run("monitor_tool", "wait", "nobody"), "nobody")
