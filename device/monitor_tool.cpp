@@ -300,6 +300,7 @@ static const device_note_t ARGUMENTS[] = {
 static const device_note_t FILES[] = {
     {"/usrdata/odm/start_conf.xml", "what the monitor starts, and with which arguments; read when it starts"},
     {"/tmp/odm/ipc", "the modules' sockets"},
+    {"/tmp/odm/ipc/.watch.MODULE", "has a module's own socket while it is being watched"},
     {"/tmp/odm/lock", "their lock files, each with a process id"},
     {},
 };
@@ -308,13 +309,21 @@ static const device_note_t EXAMPLES[] = {
     {"monitor_tool send dial_test 7 68 69 --rsp 2", "sends message 7 with two bytes, and shows two bytes of answer"},
     {"monitor_tool start-cmd serial_bridge '-l /dev/ttyS1 -r /dev/ttyGS0'", "a text that begins with a dash is no "
                                                                             "option here"},
+    {"monitor_tool watch --json qmuxd | jq 'select(.milliseconds > 100)'", "shows what takes qmuxd longer than 100 ms"},
+    {"ssh device monitor_tool capture - | wireshark -k -i -", "looks into a device from a desk"},
     {"monitor_tool status --json | jq '.[] | select(.running == \"silent\").pid'", "names the processes that hang"},
     {},
 };
 
 static const device_program_t MONITOR_TOOL = {
     "shows how the modules are, and tells the monitor what to do with them",
-    "The monitor keeps modules running. Most commands reach the modules themselves, and work without it.",
+    "The monitor keeps modules running. Most commands reach the modules themselves, and work without it.\n"
+    "watch and capture stand in between: a socket of their own takes the place of the module's, and a process "
+    "frwk-relay "
+    "passes everything on. However they end, by Ctrl-C or by SIGKILL, the modules get their sockets back, and no "
+    "request "
+    "is lost or handled twice. Only when frwk-relay itself is killed do requests that it has in hand end without an "
+    "answer. When both are killed at once, watch puts it right when it is started again.",
     FRWK_MODULE_MONITOR_TOOL,
     COMMANDS,
     nullptr,
@@ -322,7 +331,8 @@ static const device_program_t MONITOR_TOOL = {
     ARGUMENTS,
     FILES,
     EXAMPLES,
-    "a module does not run or does not answer, the result of 'send' is not 0, or a setting cannot be stored",
+    "a module does not run or does not answer, a module cannot be watched, the result of 'send' is not 0, or a setting "
+    "or a capture cannot be written",
 };
 
 int main(int argc, char **argv)

@@ -331,6 +331,30 @@ class Relayed(WatchTest):
         for client in clients:
             self.assertEqual(receive(client, 9), response(3))
 
+    def test_a_tool_that_is_held_up(self):
+        """What it cannot show in time is passed on all the same, and counted; what it shows, it shows whole."""
+        load = watch_load.Load(3000)
+        self.addCleanup(load.end)
+        tool = self.watch("watch", "-x", "--json", "dial_test")
+        tool.send_signal(signal.SIGSTOP)
+        result = json.loads(load.ask(3000, 4).communicate(timeout=SOON)[0])
+        self.assertEqual({key: result[key] for key in ("failed", "wrong", "lost", "doubled")},
+                         {"failed": 0, "wrong": 0, "lost": 0, "doubled": 0})
+        with open("/proc/%d/status" % relays()[0], encoding="ascii") as file:
+            self.assertLess(int(re.search(r"VmRSS:\s+(\d+) kB", file.read()).group(1)), 100_000)
+        tool.send_signal(signal.SIGCONT)
+        code, out, err = self.end(tool)
+        self.assertEqual(code, 0)
+        unseen = int(re.fullmatch(r"monitor_tool: (\d+) requests passed that could not be shown: they came faster than they "
+                                  r"were read\n", err).group(1))
+        rows = [row for row in self.objects(out)[0] if row["message"] == 7]
+        self.assertEqual(len(rows) + unseen, 3000)
+        self.assertGreater(min(len(rows), unseen), 100)
+        for row in rows:
+            self.assertIsNone(row["fault"])
+            self.assertEqual(len(row["request_hex"]), 2 * row["request_bytes"])
+            self.assertEqual(len(row["answer_hex"]), 2 * min(row["answer_bytes"], 65536 - 8))
+
     def test_rights(self):
         """Whoever may connect to the module may connect now, and nobody else."""
         self.listen()
