@@ -218,8 +218,12 @@ static bool connect_module(connection_t *connection, int64_t now)
     }
     frwk_list_del(&connection->node);
     frwk_list_add(&s_relayed, &connection->node);
-    source_watch(&module->source, connection->to_module, events_of(false), serve_side);
+    bool watched = source_watch(&module->source, connection->to_module, events_of(false), serve_side);
     connection->to_module = -1;
+    if (!watched) {
+        finish(connection, RELAY_MODULE_AWAY);
+        return true;
+    }
     bool more = client->unsent.len >= HELD_MAX;
     pass_on(client);
     if (more) {
@@ -357,7 +361,9 @@ void connection_accept(uint32_t id, int client, int module)
         side.source.fd = -1;
     }
     frwk_list_add(&s_waiting, &connection->node);
-    source_watch(&connection->side[CLIENT].source, client, events_of(false), serve_side);
+    if (!source_watch(&connection->side[CLIENT].source, client, events_of(false), serve_side)) {
+        finish(connection, RELAY_MODULE_AWAY); /* the kernel lacks memory */
+    }
 }
 
 int connections_look()
