@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <sstream>
 #include <type_traits>
 
@@ -29,7 +30,8 @@ namespace {
 
 // ---- faults
 
-Fault fault; // the one to come, or the last one
+std::mutex fault_lock; // a handler may choose the next fault while other threads make calls
+Fault fault;           // the one to come, or the last one
 bool fault_lasts = false;
 std::atomic<bool> chosen{false};
 std::atomic<int> until_fault{INT_MAX}, blocks{0};
@@ -41,6 +43,7 @@ bool fails(const char *call)
     if (note != nullptr && strcmp(call, "malloc") != 0) {
         (*note)(call);
     }
+    const std::lock_guard<std::mutex> lock(fault_lock);
     if (!chosen || !is_meant(fault, call)) {
         return false;
     }
@@ -196,7 +199,7 @@ bool is_meant(const Fault &chosen_one, const std::string &call)
 
 void fault_after(int n, const Fault &next, bool lasts)
 {
-    chosen = false;
+    const std::lock_guard<std::mutex> lock(fault_lock);
     fault = next;
     fault_lasts = lasts;
     until_fault = n;
