@@ -27,10 +27,11 @@ Arguments:
 Options:
   -h, --help               shows this text
   -V, --version            shows the version
-  -o, --output=FILE        where the picture goes, - for standard output; beside
-                           the capture, with .html for its ending, if not told.
-                           An ending of .svg gives the picture without a page
-  -l, --limit=NUMBER       draws so many requests, the first 400 if not told;
+  -o, --output=FILE        where the picture goes, - for standard output; by
+                           default beside the capture, with .html for its
+                           ending. An ending of .svg gives the picture without
+                           a page
+  -l, --limit=NUMBER       draws so many requests, by default the first 400;
                            response times are of all
   -m, --module=MODULE      only requests from or to a module; may be repeated
       --hide=MESSAGE       leaves out requests of a message, by name or number,

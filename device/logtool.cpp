@@ -188,7 +188,7 @@ static int set(int, char **argv)
     return status;
 }
 
-/* What `follow` shows: every module's lines of every level if not told. */
+/* What `follow` shows: by default every module's lines of every level. */
 static bool s_only[FRWK_MODULE_MAX];
 static bool s_some;
 static int s_threshold = FRWK_TRACE_DEBUG;
@@ -364,7 +364,8 @@ static const device_option_t FOLLOW_OPTIONS[] = {
     {"module", 'm', "MODULE", "shows this module's lines only; given again, those of one more", take_module},
     {"level", 'l', "LEVEL", "shows lines up to this level, and what has none, such as a failed assertion", take_level},
     {"color", 0, "WHEN",
-     "colours errors, warnings and debug lines; auto, if not told: on a terminal, unless NO_COLOR is set", take_color},
+     "colours errors, warnings and debug lines; auto, the default, does on a terminal unless NO_COLOR is set",
+     take_color},
     {},
 };
 
@@ -387,7 +388,7 @@ static const device_note_t ARGUMENTS[] = {
     {"MODE", "one of 0, 1, 2, 3: no traces; to the system log (1 and 2); to the module's standard output"},
     {"LEVEL", "one of null, error, warning, info, debug; each includes those before it"},
     {"WHEN", "one of auto, always, never"},
-    {"FILE", "the system log, /var/log/messages if not told"},
+    {"FILE", "the system log, by default /var/log/messages"},
     {},
 };
 

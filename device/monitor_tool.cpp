@@ -257,7 +257,7 @@ static const device_option_t STATUS_OPTIONS[] = {
 };
 
 static const device_option_t SEND_OPTIONS[] = {
-    {"rsp", 0, "BYTES", "asks for so many bytes of answer, none if not told", take_rsp},
+    {"rsp", 0, "BYTES", "asks for so many bytes of answer, by default none", take_rsp},
     {"json", 'j', nullptr, "prints an object; the answer is in it as hexadecimal digits", take_json},
     {},
 };
@@ -274,8 +274,7 @@ static const device_command_t COMMANDS[] = {
      set_start_cmd, nullptr, true},
     {"send", "MODULE MSG [HEX]...", "sends a message with a body; shows the result, the answer, and how long it took",
      2, 5, send_message, SEND_OPTIONS, false},
-    {"wait", "MODULE [SECONDS]", "waits until a module answers, 30 seconds if not told", 1, 2, wait_for, nullptr,
-     false},
+    {"wait", "MODULE [SECONDS]", "waits until a module answers, by default 30 seconds", 1, 2, wait_for, nullptr, false},
     {"watch", "[MODULE]...",
      "shows each request as it passes: who to whom, which message, how large, with which result, how long it took; "
      "ends with a summary when interrupted. Without a module, all are watched",
