@@ -2,8 +2,8 @@
 # SPDX-FileCopyrightText: 2026 the libfrwk authors
 # SPDX-License-Identifier: MIT
 
-# Runs a device made of device/ and the examples and prints what it does. tools/demo builds the programs and calls this in a private copy of
-# the device's paths. Exits with 1 when an answer was wrong.
+# Runs a device made of device/ and the examples and prints what it does. tools/demo builds the programs and calls this
+# in a private copy of the device's paths. Exits with 1 when an answer was wrong.
 #
 #   demo.sh [--keep | --running] [--log FILE] [--capture FILE]
 #
