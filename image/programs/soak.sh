@@ -42,8 +42,8 @@ while kill -0 $load 2>/dev/null; do
         if [ $((leaks % 3)) -ne 0 ]; then
             leak 40 0 # more than there is
         else
-            # A MiB more than is left, and is never killed: others are.
-            leak $((($(cat $group/memory.max) - $(cat $group/memory.current)) / 1048576 + 1)) -1000
+            # A MiB more than is left, and the last to be killed: others are.
+            leak $((($(cat $group/memory.max) - $(cat $group/memory.current)) / 1048576 + 1)) -999
         fi
     } 2>/dev/null # the shell's own remark that it was killed
     sleep $((RANDOM % 4))
