@@ -13,7 +13,7 @@ import time
 
 from emulated import fail, image, machine, progress, record
 
-FIRST, SAVE, ANY = "the first save", "a save", "any time"
+FIRST, SAVE, ANY = "the first save", "another", "one at any time"
 UNSET = {(module, setting): {"0" if setting == "mode" else ""} for module in ("mbimd", "qti")
          for setting in ("mode", "args")}
 
@@ -33,6 +33,9 @@ class Settings:
 
     def saving(self):
         return bool(self.begun)
+
+    def saving_first(self):
+        return self.saving() and self.durations is self.firsts
 
     def take(self, line):
         """A line of the device. What is wrong with it, or nothing."""
@@ -68,7 +71,7 @@ class Plug:
         self.kind = kind
         usual = statistics.median((settings.firsts if kind == FIRST else settings.others)[-100:])
         self.saves = rng.randint(4, 40) if kind == SAVE else 1
-        self.delay = rng.uniform(0, 4) if kind == ANY else rng.uniform(0, 1.2) * usual
+        self.delay = rng.uniform(0, 4) if kind == ANY else rng.uniform(0, 1) * usual
 
 
 def rebuild(path, before, log, rng):
@@ -170,13 +173,13 @@ def power(rounds, without_sync, seed):
                 count, after, lost = rebuild(work.file("data"), work.file("start"), work.file("record"), rng)
                 os.replace(work.file("start"), work.file("before"))
                 os.replace(work.file("record"), work.file("record.before"))
-                hits[plug.kind] += settings.saving()
-                print("round %d: pulled %.0f ms into %s%s; %d writes and flushes, %d after the last flush, %d of them lost"
-                      % (number + 1, plug.delay * 1000, plug.kind if plug.kind != SAVE else "save %d" % plug.saves,
-                         ", while saving" if settings.saving() else "", count, after, lost), flush=True)
+                hits[plug.kind] += settings.saving_first() if plug.kind == FIRST else settings.saving()
+                when = "during the first save" if settings.saving_first() else "while saving" if settings.saving() else "idle"
+                print("round %d: pulled %.0f ms after save %d began, %s; %d writes and flushes, %d after the last flush, "
+                      "%d of them lost" % (number + 1, plug.delay * 1000, plug.saves, when, count, after, lost), flush=True)
     if without_sync:
         print("a missing sync was not found in %d rounds" % rounds)
         return 1
-    print("%d plugs pulled, while saving in %s; %d settings acknowledged, none lost" % (
-        rounds, ", ".join("%d of %s" % (count, kind) for kind, count in hits.items()), settings.acknowledged))
+    print("%d plugs pulled: %s; %d settings acknowledged, none lost" % (
+        rounds, ", ".join("%d during %s" % (count, kind) for kind, count in hits.items()), settings.acknowledged))
     return 0
