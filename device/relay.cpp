@@ -168,7 +168,7 @@ static void run()
     for (;;) {
         int wait = relay_sooner(places_look(), connections_look());
         news_flush();
-        if (places_left() && connections_done()) {
+        if (places_left() && connections_done() && news_told()) {
             return;
         }
         epoll_event events[EVENTS];

@@ -59,6 +59,11 @@ bool news_are_late()
     return s_news.untold.len - s_news.sent > UNTOLD_MAX;
 }
 
+bool news_told()
+{
+    return s_news.deaf || s_news.sent == s_news.untold.len;
+}
+
 void news_lost()
 {
     s_news.lost++;

@@ -55,6 +55,9 @@ bool news_add(relay_kind_t kind, uint32_t module, uint64_t connection, uint32_t 
 /* Whether so much is untold that nothing new should be begun. */
 bool news_are_late();
 
+/* Whether all was told that is to be told, or nobody reads. */
+bool news_told();
+
 /* One connection more of which nothing can be told. */
 void news_lost();
 

@@ -355,6 +355,19 @@ class Relayed(WatchTest):
             self.assertEqual(len(row["request_hex"]), 2 * row["request_bytes"])
             self.assertEqual(len(row["answer_hex"]), 2 * min(row["answer_bytes"], 65536 - 8))
 
+    def test_a_tool_that_is_held_up_while_the_relay_ends(self):
+        """The relay waits until all was read that it has to tell."""
+        load = watch_load.Load(1000)
+        self.addCleanup(load.end)
+        tool = self.watch("watch", "-x", "--json", "dial_test")
+        tool.send_signal(signal.SIGSTOP)
+        load.ask(1000, 4).communicate(timeout=SOON)
+        os.kill(relays()[0], signal.SIGTERM)
+        time.sleep(2.5)  # longer than it waits for late clients
+        tool.send_signal(signal.SIGCONT)
+        err = tool.communicate(timeout=SOON)[1]
+        self.assertEqual(tool.returncode, 0, err)
+
     def test_rights(self):
         """Whoever may connect to the module may connect now, and nobody else."""
         self.listen()
@@ -511,10 +524,10 @@ class Ends(WatchTest):
 
     def test_load(self):
         """Some thousands of requests while it comes and goes; .ci/run has 100,000."""
-        result, counts = watch_load.come_and_go(int(os.environ.get("WATCH_REQUESTS", "5000")), 6)
+        result, counts = watch_load.come_and_go(int(os.environ.get("WATCH_REQUESTS", "10000")), 6)
         self.assertEqual({key: result[key] for key in ("failed", "wrong", "lost", "doubled")},
                          {"failed": 0, "wrong": 0, "lost": 0, "doubled": 0})
-        self.assertGreater(sum(counts.values()) - counts["read"], 1)
+        self.assertGreater(sum(counts.values()) - counts["read"], 0)
 
 
 class Captured(WatchTest):
