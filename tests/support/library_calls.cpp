@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <type_traits>
@@ -88,23 +89,12 @@ template <auto... calls> void let_all_fail(const char *names)
 
 #define LET_FAIL(...) let_all_fail<__VA_ARGS__>(#__VA_ARGS__)
 
-timespec parts(int64_t nanoseconds)
+// The real clock, unless it is fixed.
+int read_clock(clockid_t clock, timespec *now)
 {
-    return {static_cast<time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
-}
-
-int monotonic_time(clockid_t clock, timespec *now)
-{
-    const int rc = fails("clock_gettime") ? -1 : clock_gettime(clock, now);
-    *now = rc == 0 && clock == CLOCK_MONOTONIC && fixed_uptime >= 0 ? parts(fixed_uptime) : *now;
-    return rc;
-}
-
-int time_of_day(timeval *now, void *)
-{
-    const timespec fixed = parts(fixed_time);
-    const int rc = gettimeofday(now, nullptr);
-    *now = fixed_time >= 0 ? timeval{fixed.tv_sec, fixed.tv_nsec / 1000} : *now;
+    const int64_t fixed = clock == CLOCK_MONOTONIC ? fixed_uptime : fixed_time;
+    const int rc = clock_gettime(clock, now);
+    *now = fixed < 0 ? *now : timespec{static_cast<time_t>(fixed / 1000000000), static_cast<long>(fixed % 1000000000)};
     return rc;
 }
 
@@ -112,54 +102,50 @@ bool put_stand_ins()
 {
     LET_FAIL(access, flock, fflush, fopen, fstat, fsync, inotify_init1, linkat, lstat, read, remove, rename);
     LET_FAIL(accept4, bind, connect, listen, poll, recv, sem_wait, setsockopt, socket);
-    replace_call(
-        "sync", +[] { fails("sync"); }); // the machine's own would take its time
-    replace_call("clock_gettime", monotonic_time);
-    replace_call("gettimeofday", time_of_day);
-    replace_call(
-        "time", +[](time_t *now) {
-            timeval value;
-            time_of_day(&value, nullptr);
-            return now != nullptr ? *now = value.tv_sec : value.tv_sec;
-        });
-    replace_call(
-        "malloc", +[](size_t size) { return fails("malloc") ? nullptr : (blocks++, malloc(size)); });
-    replace_call(
-        "calloc", +[](size_t n, size_t size) { return fails("malloc") ? nullptr : (blocks++, calloc(n, size)); });
-    replace_call(
-        "realloc", +[](void *block, size_t size) {
-            return fails("malloc") ? nullptr : (blocks += block == nullptr, realloc(block, size));
-        });
+    replace_call("sync", [] { fails("sync"); }); // the machine's own would take its time
+    replace_call("clock_gettime",
+                 [](clockid_t clock, timespec *now) { return fails("clock_gettime") ? -1 : read_clock(clock, now); });
+    replace_call("gettimeofday", [](timeval *now, void *) {
+        timespec real;
+        read_clock(CLOCK_REALTIME, &real);
+        *now = {real.tv_sec, real.tv_nsec / 1000};
+        return 0;
+    });
+    replace_call("time", [](time_t *) { // asked without a place for it
+        timespec real;
+        read_clock(CLOCK_REALTIME, &real);
+        return real.tv_sec;
+    });
+    replace_call("malloc", [](size_t size) { return fails("malloc") ? nullptr : (blocks++, malloc(size)); });
+    replace_call("calloc",
+                 [](size_t n, size_t size) { return fails("malloc") ? nullptr : (blocks++, calloc(n, size)); });
+    replace_call("realloc", [](void *block, size_t size) {
+        return fails("malloc") ? nullptr : (blocks += block == nullptr, realloc(block, size));
+    });
     replace_call("free", free_block);
-    replace_call(
-        "pthread_create", +[](pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *), void *arg) {
-            return fails("pthread_create") ? errno : pthread_create(id, attr, start, arg);
-        });
-    replace_call(
-        "open", +[](const char *path, int flags, mode_t mode) { return fails("open") ? -1 : open(path, flags, mode); });
-    replace_call(
-        "fcntl",
-        +[](int fd, int command, void *argument) { return fails("fcntl") ? -1 : fcntl(fd, command, argument); });
-    replace_call(
-        "write", +[](int fd, const void *bytes, size_t size) {
-            return !fails("write") ? write(fd, bytes, size) : errno != 0 ? -1 : write(fd, bytes, size / 2);
-        });
-    replace_call(
-        "send", +[](int fd, const void *bytes, size_t size, int flags) {
-            return !fails("send") ? send(fd, bytes, size, flags) : errno != 0 ? -1 : send(fd, bytes, size / 2, flags);
-        });
-    replace_call(
-        "fclose", +[](FILE *fp) { return fails("fclose") ? (fclose(fp), EOF) : fclose(fp); });
-    replace_call(
-        "fread", +[](void *bytes, size_t size, size_t count, FILE *fp) {
-            return fails("fread") ? (fputc(0, fp), errno = fault.error, 0)
-                                  : fread(bytes, size, count, fp); // sets its error
-        });
-    replace_call(
-        "fwrite", +[](const void *bytes, size_t size, size_t count, FILE *fp) {
-            return fails("fwrite") ? (count = fwrite(bytes, size, count / 2, fp), errno = fault.error, count)
-                                   : fwrite(bytes, size, count, fp);
-        });
+    replace_call("pthread_create", [](pthread_t *id, const pthread_attr_t *attr, void *(*start)(void *), void *arg) {
+        return fails("pthread_create") ? errno : pthread_create(id, attr, start, arg);
+    });
+    replace_call("open",
+                 [](const char *path, int flags, mode_t mode) { return fails("open") ? -1 : open(path, flags, mode); });
+    replace_call("fcntl", [](int fd, int command, void *argument) {
+        return fails("fcntl") ? -1 : fcntl(fd, command, argument);
+    });
+    replace_call("write", [](int fd, const void *bytes, size_t size) {
+        return !fails("write") ? write(fd, bytes, size) : errno != 0 ? -1 : write(fd, bytes, size / 2);
+    });
+    replace_call("send", [](int fd, const void *bytes, size_t size, int flags) {
+        return !fails("send") ? send(fd, bytes, size, flags) : errno != 0 ? -1 : send(fd, bytes, size / 2, flags);
+    });
+    replace_call("fclose", [](FILE *fp) { return fails("fclose") ? (fclose(fp), EOF) : fclose(fp); });
+    replace_call("fread", [](void *bytes, size_t size, size_t count, FILE *fp) {
+        return !fails("fread") ? fread(bytes, size, count, fp) : (fputc(0, fp), errno = fault.error, 0);
+    });
+    replace_call("fwrite", [](const void *bytes, size_t size, size_t count, FILE *fp) {
+        const bool failed = fails("fwrite");
+        const size_t done = fwrite(bytes, size, failed ? count / 2 : count, fp);
+        return failed ? (errno = fault.error, done) : done;
+    });
     return true;
 }
 
@@ -219,13 +205,8 @@ bool no_more_faults()
 
 int watched(const std::function<int()> &act, const std::function<void(const std::string &)> &note)
 {
-    struct Watch {
-        ~Watch() // when a cancelled thread ends, too
-        {
-            watcher = nullptr;
-        }
-    } const watch;
     watcher = &note;
+    const std::shared_ptr<void> end(nullptr, [](void *) { watcher = nullptr; }); // when a cancelled thread ends, too
     return act();
 }
 

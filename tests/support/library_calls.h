@@ -19,9 +19,9 @@ constexpr bool SANITIZED = false;
 
 // From here on the library calls `instead` in the place of this function.
 void replace_call(const char *function, void *instead);
-template <typename R, typename... A> void replace_call(const char *function, R (*instead)(A...))
+template <typename F> void replace_call(const char *function, F instead) // a function, or a lambda without a capture
 {
-    replace_call(function, reinterpret_cast<void *>(instead));
+    replace_call(function, reinterpret_cast<void *>(+instead));
 }
 
 struct Fault {
