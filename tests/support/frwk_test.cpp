@@ -4,7 +4,6 @@
 #include "frwk_test.h"
 
 #include <poll.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -64,11 +63,6 @@ Texts entries(const std::string &dir)
 
 } // namespace
 
-int memory_file()
-{
-    return memfd_create("frwk_test", MFD_CLOEXEC);
-}
-
 int64_t now_ms()
 {
     return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1);
@@ -76,19 +70,11 @@ int64_t now_ms()
 
 bool wait_until(const std::function<bool()> &done, int ms)
 {
-    const int64_t start = now_ms();
-    while (!done()) {
-        if (now_ms() - start >= ms) {
-            return false;
-        }
+    bool is_done = done();
+    for (const int64_t end = now_ms() + ms; !is_done && now_ms() < end; is_done = done()) {
         usleep(1000);
     }
-    return true;
-}
-
-bool contains(const std::string &text, const std::string &part)
-{
-    return text.find(part) != std::string::npos;
+    return is_done;
 }
 
 std::string read_file(const std::string &path)
@@ -104,11 +90,6 @@ void write_file(const std::string &path, const std::string &contents)
 {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     EXPECT_TRUE(std::ofstream(path) << contents << std::flush) << "cannot write " << path;
-}
-
-bool exists(const std::string &path)
-{
-    return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
 int count_fds(pid_t pid)
@@ -190,16 +171,6 @@ std::string Capture::text()
     return contents(memory);
 }
 
-Texts Capture::lines()
-{
-    return lines_in(text());
-}
-
-bool Capture::wait_for(const std::string &part)
-{
-    return wait_until([&] { return contains(text(), part); });
-}
-
 // ---- raw peers
 
 std::string words(const std::vector<int64_t> &values)
@@ -209,11 +180,6 @@ std::string words(const std::vector<int64_t> &values)
         bytes.append(reinterpret_cast<const char *>(&value), 4); // the low half stands first
     }
     return bytes;
-}
-
-std::string socket_path(const std::string &module)
-{
-    return "/tmp/odm/ipc/" + module;
 }
 
 int raw_connect(const std::string &module)
@@ -250,13 +216,10 @@ bool raw_send(int fd, const std::string &bytes)
 std::string raw_recv(int fd, size_t size)
 {
     std::string bytes;
-    while (bytes.size() < size && readable(fd)) {
-        char buf[65536];
-        ssize_t n = read(fd, buf, std::min(sizeof buf, size - bytes.size()));
-        if (n <= 0) {
-            break;
-        }
-        bytes.append(buf, static_cast<size_t>(n));
+    char buf[65536];
+    for (ssize_t n = 1; n > 0 && bytes.size() < size && readable(fd);) {
+        n = read(fd, buf, std::min(sizeof buf, size - bytes.size()));
+        bytes.append(buf, static_cast<size_t>(std::max<ssize_t>(n, 0)));
     }
     return bytes;
 }
@@ -271,11 +234,6 @@ std::string answer_to(const std::string &module, const std::string &request)
 }
 
 // ---- child processes
-
-std::ostream &operator<<(std::ostream &stream, const Result &result)
-{
-    return stream << "wait status " << result.status << "\n" << result.out << result.err;
-}
 
 void Process::start(const std::function<void()> &body)
 {
@@ -377,13 +335,11 @@ static int32_t handler(uint32_t from, uint32_t msg, const uint8_t *req, int32_t 
         memcpy(&result, req, sizeof result);
     } else if (msg == MSG_BLOCK) {
         std::filesystem::remove(release_file);
-        printf("blocked\n");
-        fflush(stdout);
+        printf("blocked\n"); // line by line, as a module's
         wait_until([] { return exists(release_file); });
     } else {
         printf("from=%u msg=%u req=%s len=%d rsp=%s size=%d timeout=%u\n", from, msg, req ? "set" : "null", req_len,
                rsp ? "set" : "null", rsp_size, timeout);
-        fflush(stdout);
     }
     return result;
 }

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,11 +28,17 @@ constexpr int DEADLINE_MS = 20000;
 
 int64_t now_ms(); // monotonic
 bool wait_until(const std::function<bool()> &done, int ms = DEADLINE_MS);
-bool contains(const std::string &text, const std::string &part);
+inline bool contains(const std::string &text, const std::string &part)
+{
+    return text.find(part) != std::string::npos;
+}
 
 std::string read_file(const std::string &path);                        // "" when it cannot be read
 void write_file(const std::string &path, const std::string &contents); // makes the directories too
-bool exists(const std::string &path);
+inline bool exists(const std::string &path)
+{
+    return std::filesystem::exists(std::filesystem::symlink_status(path));
+}
 int count_fds(pid_t pid);
 int count_threads(pid_t pid); // without those that an emulator or a sanitizer adds to every process
 bool emulated(); // whether this process runs in qemu, which lacks memory limits, and keeps memory of threads
@@ -46,7 +53,10 @@ void trace_all(); // of this process to its standard output, from now on
 // What `body` traces, with all traces on: "function: message" of each error, with the level in front of what is none.
 Texts said(const std::function<void()> &body);
 
-int memory_file();
+inline int memory_file()
+{
+    return memfd_create("frwk_test", MFD_CLOEXEC);
+}
 
 // Redirects standard output (or error) of this process to memory while it lives. It is said after all where the test
 // has failed.
@@ -55,8 +65,14 @@ struct Capture {
     ~Capture();
 
     std::string text(); // all so far
-    Texts lines();      // a trace as "level|message"
-    bool wait_for(const std::string &part);
+    Texts lines()       // a trace as "level|message"
+    {
+        return lines_in(text());
+    }
+    bool wait_for(const std::string &part)
+    {
+        return wait_until([&] { return contains(text(), part); });
+    }
 
     const int target, memory;
     int saved;
@@ -66,7 +82,10 @@ struct Capture {
 
 std::string words(const std::vector<int64_t> &values); // of 32 bits, as they stand on the wire
 
-std::string socket_path(const std::string &module);
+inline std::string socket_path(const std::string &module)
+{
+    return "/tmp/odm/ipc/" + module;
+}
 int raw_connect(const std::string &module);      // tries until something listens
 int raw_listen(const std::string &module);       // makes the directories too
 int raw_accept(int listener);                    // -1
@@ -91,7 +110,10 @@ struct Result {
         return WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT;
     }
 };
-std::ostream &operator<<(std::ostream &stream, const Result &result);
+inline std::ostream &operator<<(std::ostream &stream, const Result &result)
+{
+    return stream << "wait status " << result.status << "\n" << result.out << result.err;
+}
 
 // A child, once started, that runs `body` and ends with exit(), so that the leak checker looks at it.
 struct Process {
