@@ -54,35 +54,28 @@ TEST(LogConf, Changes)
     // clang-format on
 }
 
-// What a module takes at its start. A file that was cut off has its backup beside it, whose mode is 5.
+// What a module takes at its start: what is whole, then the backup, whose mode is 5, then what there is of the file.
 TEST(LogConf, TakenAtStart)
 {
     const std::string piece = "<root><qti><mode>1</mode><level>info</level></qti>", whole = piece + "</root>";
     const std::string old = "<root><qti><mode>5</mode><level/></qti></root>";
-    const struct {
-        std::string file;
-        const char *backup;
-        std::string taken;
-    } rows[] = {
-        {"<root><QTI><mode>2</mode><level>debug</level></QTI></root>", nullptr, "0 0"},
-        {"<any><qti><level>Error</level><mode>0002</mode></qti><qti><mode>1</mode></qti></any>", nullptr, "2 1"},
-        {"<root><qti><mode>00002</mode><level>debug</level></qti></root>", nullptr, "0 0"},
-        {"<root><qti><mode>-1x</mode></qti></root>", nullptr, "-1 0"},
-        {"<root><qti><mode>2</mode><level>loud</level></qti></root>", nullptr, "Unsupported trace level(loud)\n2 0"},
-        {piece, BROKEN, "1 4"},
-        {whole + "\n<!-- x -->\n ", old.c_str(), "1 4"},
-        {"<root a='1' / >", old.c_str(), "0 0"},
-        {piece, old.c_str(), "5 0"},
-        {piece + "<root><root/></root><!-- x -->", old.c_str(), "5 0"},
-        {whole.substr(0, 30) + std::string(20, '\0'), old.c_str(), "5 0"},
-        {whole + whole, old.c_str(), "5 0"},
-        {BROKEN, BROKEN, "0 0"},
+    // clang-format off
+    const struct { std::string file, backup, taken; } rows[] = {
+        {"<root><QTI><mode>2</mode><level>debug</level></QTI></root>", old, "0 0"},
+        {"<any><qti><level>Error</level><mode>0002</mode></qti><qti><mode>1</mode></qti></any>", old, "2 1"},
+        {"<root><qti><mode>00002</mode><level>debug</level></qti></root>", old, "0 0"},
+        {"<root><qti><mode>-1x</mode></qti></root>", old, "-1 0"},
+        {"<root><qti><mode>2</mode><level>loud</level></qti></root>", old, "Unsupported trace level(loud)\n2 0"},
+        {whole + "\n<!-- x -->\n ", old, "1 4"}, {"<root a='1' / >", old, "0 0"},
+        {piece, BROKEN, "1 4"}, {piece, old, "5 0"}, {piece + "<root><root/></root><!-- x -->", old, "5 0"},
+        {whole.substr(0, 30) + std::string(20, '\0'), old, "5 0"}, {whole + whole, old, "5 0"}, {BROKEN, BROKEN, "0 0"},
     };
+    // clang-format on
     for (const auto &row : rows) {
-        put(LOG, "", row.backup);
-        write_file(LOG, row.file);
+        const Files found = {{LOG, row.file}, {LOG + ".bak", row.backup}};
+        restore(found);
         EXPECT_EQ(row.taken + " 1 -", settings()) << row.file;
-        EXPECT_EQ(row.file, read_file(LOG)) << "reading changes nothing";
+        EXPECT_EQ(found, snapshot()) << "reading changes nothing";
     }
 }
 

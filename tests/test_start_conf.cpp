@@ -43,8 +43,8 @@ TEST(StartConf, Changes)
         {nullptr, [] { return frwk_get_app_monitor_conf(~0U); }, "0|" + GET + ": invalid module id=-1", ""},
     });
     // clang-format on
-    std::filesystem::remove_all("/usrdata/odm"); // a place where no file can be made
-    write_file("/usrdata/odm", "");
+    std::filesystem::remove_all(DIR);
+    write_file(DIR, ""); // a place where no file can be made
     EXPECT_EQ("-1|warning frwk_set_app_start_cmd: no lock on '/usrdata/odm', errno=20|"
               "frwk_init_app_start_cfg_file: save start config file fialed! from '" +
                   START + "'|frwk_set_app_start_cmd: frwk_init_app_start_cfg_file failed!",
@@ -79,11 +79,8 @@ TEST(StartConf, MonitorIsTold)
 // The query's answer for qti, and what the loader makes of its flag and start arguments.
 TEST(StartConf, QueryAndLoad)
 {
-    const struct {
-        const char *file;
-        std::string outcome, loaded;
-    } rows[] = {
-        // clang-format off
+    // clang-format off
+    const struct { const char *file; std::string outcome, loaded; } rows[] = {
         {nullptr, "1", "1 -"},
         {BROKEN, "1|" + GET + ": parse '" + START + "' failed.", "1 -"},
         {"<r/>", "1|" + GET + ": get qti" + MISSING, "1 -"},
@@ -91,8 +88,8 @@ TEST(StartConf, QueryAndLoad)
         {"<r><qti><monitor_service>&#49;</monitor_service><start_cmd>a &lt; b</start_cmd></qti></r>", "0", "0 a < b"},
         {"<r><qti><monitor_service>01x</monitor_service><start_cmd/></qti><qti/></r>", "1", "1 -"},
         {"<r><qti><monitor_service>2</monitor_service></qti></r>", "0", "0 -"},
-        // clang-format on
     };
+    // clang-format on
     for (const auto &row : rows) {
         put(START, row.file);
         EXPECT_EQ(row.outcome, call([] { return frwk_get_app_monitor_conf(FRWK_MODULE_QTI); }));

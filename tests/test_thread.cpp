@@ -129,7 +129,7 @@ TEST(Thread, CancelledInEveryCall)
     std::filesystem::create_directories(DIR);
     const auto save = [] { EXPECT_EQ(0, frwk_set_app_start_cmd(FRWK_MODULE_QTI, "x")); };
     EXPECT_TRUE((Lock(), finishes_cancelled(save)));
-    EXPECT_EQ(Texts{"start_conf.xml"}, listing());
+    EXPECT_EQ(Files({{START, read_file(START)}}), snapshot());
     EXPECT_TRUE(contains(read_file(START), "<start_cmd>x</start_cmd>"));
     EXPECT_TRUE(Lock().held);
     const int monitor = raw_listen("monitor"); // the value is saved, then the monitor is asked

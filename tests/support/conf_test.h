@@ -9,28 +9,36 @@
 
 #include <sys/file.h>
 
+#include <map>
+#include <set>
+
 inline const std::string DIR = "/usrdata/odm", LOG = DIR + "/log_conf.xml", START = DIR + "/start_conf.xml";
 
+using Files = std::map<std::string, std::string>; // by path
+
 // What lies in the directory.
-inline Texts listing()
+inline Files snapshot()
 {
-    Texts names;
-    for (const auto &entry : std::filesystem::directory_iterator(DIR)) {
-        names.push_back(entry.path().filename());
+    Files files;
+    std::error_code missing;
+    for (const auto &entry : std::filesystem::directory_iterator(DIR, missing)) {
+        files[entry.path()] = read_file(entry.path());
     }
-    std::sort(names.begin(), names.end());
-    return names;
+    return files;
 }
 
-// A fresh device with this file and its backup, each where it is not null.
-inline void put(const std::string &path, const char *text, const char *backup = nullptr)
+inline void restore(const Files &files)
 {
     std::filesystem::remove_all(DIR);
-    for (const auto &[name, content] : {std::pair(path, text), std::pair(path + ".bak", backup)}) {
-        if (content != nullptr) {
-            write_file(name, content);
-        }
+    for (const auto &[path, text] : files) {
+        write_file(path, text);
     }
+}
+
+// A fresh device with this file, where it is not null.
+inline void put(const std::string &path, const char *text)
+{
+    restore(text != nullptr ? Files{{path, text}} : Files());
 }
 
 // What a call returns and what it says: "result|trace|...", without what the parser says.
@@ -69,8 +77,7 @@ inline void check(const std::string &path, const std::vector<Change> &changes)
     for (const Change &row : changes) {
         put(path, row.before);
         EXPECT_EQ(row.outcome, call(row.change));
-        EXPECT_EQ(row.after, read_file(path));
-        EXPECT_FALSE(exists(path + ".bak") || exists(path + ".new"));
+        EXPECT_EQ(row.after.empty() ? Files() : Files({{path, row.after}}), snapshot()) << "with nothing beside it";
     }
 }
 
