@@ -78,7 +78,7 @@ void drive(const std::vector<Scenario> &scenarios)
 {
     for (const Scenario &scenario : scenarios) {
         const std::string good = std::to_string(scenario.good);
-        std::set<std::string> seen = {good};
+        std::set<std::string> seen = {good}, all = scenario.outcomes;
         int made = 0;
         for (const Row &row : rows) {
             const std::string &call = row.fault.call;
@@ -97,7 +97,6 @@ void drive(const std::vector<Scenario> &scenarios)
             }
         }
         printf("%s: %d faults\n", scenario.name.c_str(), made);
-        std::set<std::string> all = scenario.outcomes;
         all.insert(good);
         if (emulated() || SANITIZED) { // not every outcome is seen
             seen.insert(all.begin(), all.end());

@@ -53,10 +53,9 @@ TEST(StartUp, DaemonsRunOnce)
     trace_all();
     frwk_set_module_status(5);
     Capture err(2);
-    for (uint32_t id : {0U, 10U, 0xffffffffU}) {
+    for (const uint32_t id : {0U, 10U, 0xffffffffU, 9U}) {
         EXPECT_EQ(-1, frwk_module_init(id, nullptr));
     }
-    EXPECT_EQ(-1, frwk_module_init(FRWK_MODULE_QMUXD, nullptr));
     EXPECT_EQ("default open lives id=-1 mode=3 level=8 status=5", state()) << "nothing is set up";
     EXPECT_EQ("Invalid module id=0\nInvalid module id=10\nInvalid module id=-1\nthe 'qmuxd' is already running!\n",
               err.text());
@@ -99,11 +98,10 @@ TEST(StartUp, StrangersAreKeptOut)
     Module module(FRWK_MODULE_QMUXD);
     EXPECT_EQ(0, frwk_set_trace_info(FRWK_MODULE_QTI, 1, "info"));
     EXPECT_EQ(0, frwk_init_app_start_cfg_file());
-    for (const char *dir : {"/tmp/odm", DIR.c_str()}) {
-        EXPECT_EQ(0755U, static_cast<unsigned>(fs::status(dir).permissions())) << dir;
+    for (const fs::path dir : {"/tmp/odm", DIR.c_str()}) {
+        EXPECT_EQ(fs::perms(0755), fs::status(dir).permissions()) << dir;
         for (const auto &entry : fs::recursive_directory_iterator(dir)) {
-            const fs::perms others = fs::perms::group_write | fs::perms::others_write;
-            EXPECT_EQ(fs::perms::none, entry.status().permissions() & others) << entry;
+            EXPECT_EQ(fs::perms::none, entry.status().permissions() & fs::perms(022)) << entry;
         }
     }
 }
@@ -112,12 +110,12 @@ TEST(StartUp, PlantedLinksAreNotFollowed)
 {
     write_file("/tmp/victim", "untouched");
     for (const std::string &path : {std::string("/tmp/odm/lock/qti"), socket_path("qmuxd"), LOG + ".new"}) {
-        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-        std::filesystem::create_symlink("/tmp/victim", path);
+        fs::create_directories(fs::path(path).parent_path());
+        fs::create_symlink("/tmp/victim", path);
     }
-    const Result refused = run_child([] { EXPECT_EQ(-1, frwk_module_init(FRWK_MODULE_QTI, nullptr)); });
-    EXPECT_TRUE(refused.ok()) << refused;
-    EXPECT_EQ("can't open /tmp/odm/lock/qti\n", refused.err);
+    Capture err(2);
+    EXPECT_EQ(-1, frwk_module_init(FRWK_MODULE_QTI, nullptr));
+    EXPECT_EQ("can't open /tmp/odm/lock/qti\n", err.text());
     Module module(FRWK_MODULE_QMUXD, serve);
     EXPECT_TRUE(fs::is_socket(socket_path("qmuxd"))) << "the link is taken away for the socket";
     EXPECT_EQ(0, frwk_set_trace_info(FRWK_MODULE_QTI, 1, "info"));
