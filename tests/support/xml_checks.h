@@ -15,13 +15,8 @@
 #include <string>
 #include <vector>
 
-struct FreeDoc {
-    void operator()(frwk_xml_doc_t *doc) const
-    {
-        frwk_xml_free_doc(doc);
-    }
-};
-using Doc = std::unique_ptr<frwk_xml_doc_t, FreeDoc>;
+// Frees what it holds.
+using Doc = std::unique_ptr<frwk_xml_doc_t, std::integral_constant<decltype(&frwk_xml_free_doc), frwk_xml_free_doc>>;
 
 // The nodes below `parent`: "name[attribute=value]'text'(children)" with "?", "!" and "#" before declarations,
 // directives and comments; a 0, which no text holds, for one that does not hold together. Loosely without the blanks
