@@ -68,10 +68,6 @@ TEST(Buffer, GrowsByMoreThanAsked)
                   std::string(reinterpret_cast<char *>(bf.bp), static_cast<size_t>(bf.size)));
         frwk_buffer_free(&bf);
     }
-}
-
-TEST(Buffer, EndsTheProcessWhenItCannotGrow)
-{
     frwk_buffer_t bf;
     ASSERT_EQ(1, frwk_buffer_init(&bf));
     EXPECT_DEATH((fault_after(1, {"malloc", ENOMEM}), frwk_buffer_grow(&bf, 5000)),
