@@ -145,15 +145,10 @@ TEST(Request, Broadcasts)
     g_s_modules_info[FRWK_MODULE_MONITOR].flags = FRWK_MODULE_FLAG_MONITOR_SERVICE;
     g_s_modules_info[FRWK_MODULE_QTI].flags = FRWK_MODULE_FLAG_SYSLOG | FRWK_MODULE_FLAG_IPC;
     Capture out;
-    with_peer("mbimd", words({2, 700, 1, 3, 0, 0}), {words({0, 0})}, [] {
-        frwk_ipc_msg_broadcast(700);
-        return 0;
-    });
+    with_peer("mbimd", words({2, 700, 1, 3, 0, 0}), {words({0, 0})}, [] { return frwk_ipc_msg_broadcast(700), 0; });
     EXPECT_EQ(connect_failed({"monitor", "serial_bridge", "qmuxd"}), out.lines());
-    with_peer("logtool", words({2, 701, 1, 3, 0, 4}) + "data", {words({0, 0})}, [] {
-        frwk_ipc_msg_broadcast_data(701, "data", 4);
-        return 0;
-    });
+    with_peer("logtool", words({2, 701, 1, 3, 0, 4}) + "data", {words({0, 0})},
+              [] { return frwk_ipc_msg_broadcast_data(701, "data", 4), 0; });
     EXPECT_EQ(connect_failed({"monitor", "serial_bridge", "qmuxd", "monitor", "dial_test", "serial_bridge",
                               "monitor_tool", "mbimd", "qti", "qmuxd"}),
               out.lines());
